@@ -1,0 +1,126 @@
+// JoulixMain: the controller of the logging daemon. One object per process owns
+// the logger registry, the current log file and a run thread on which the
+// daemon's timers, notifications and callbacks are delivered.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/DateFormatter.h"
+#include "platform/JXEntry.h"
+#include "platform/RunLoop.h"
+#include "platform/Value.h"
+
+// The fixed paths of the system, before the root is put in front of them.
+extern const char* const kJXCurrentLogPath;          // "/var/mobile/Library/Logs/CurrentJoulix.joulix"
+extern const char* const kJXLogDirectory;            // "/var/mobile/Library/Logs"
+extern const char* const kJXCrashReportDirectory;    // "/var/mobile/Library/Logs/Faultkeeper"
+extern const char* const kJXArchiveDirectory;        // "/var/mobile/Library/Logs/JXArchive"
+extern const char* const kJXPluginDirectory;         // "/System/Library/JoulixPlugins/"
+
+class JoulixMain : public std::enable_shared_from_this<JoulixMain> {
+    struct Token {};
+
+public:
+    // Class operations.
+    static std::shared_ptr<JoulixMain> sharedJoulixMain();
+    static bool haveSharedJoulixMain();
+    // The singleton if there is one; never makes one (for signal handlers).
+    static std::shared_ptr<JoulixMain> existingSharedJoulixMain();
+    static void stopSharedJoulixMain();
+    static bool shouldRunJoulixDependant();
+    // For entry code: returns once every run thread started by run has ended.
+    static void waitForRunThreads();
+
+    // init: nullptr when the controller cannot be made (see create).
+    static std::shared_ptr<JoulixMain> create();
+    explicit JoulixMain(Token);
+    ~JoulixMain();  // dealloc
+    JoulixMain(const JoulixMain&) = delete;
+    JoulixMain& operator=(const JoulixMain&) = delete;
+
+    // Lifecycle.
+    void run();
+    void runThread();
+    [[noreturn]] void fatalError(const std::string& error, const std::optional<std::string>& withReason);
+
+    // Properties.
+    std::optional<std::string> fileGUID() const;
+    void setFileGUID(std::optional<std::string> guid);
+    bool setupComplete() const { return _setupComplete.load(); }
+    void setSetupComplete(bool v) { _setupComplete.store(v); }
+    std::shared_ptr<JXEntry> loggerList() const { return _loggerList; }
+    bool logToFile() const { return _logToFile.load(); }
+    void setLogToFile(bool v) { _logToFile.store(v); }
+    bool shouldKeepRunning() const { return _shouldKeepRunning.load(); }
+    void setShouldKeepRunning(bool v) { _shouldKeepRunning.store(v); }
+    bool exitRequested() const { return _exitRequested.load(); }
+    void setExitRequested(bool v) { _exitRequested.store(v); }
+    bool basebandPostProcessing() const { return _bbPostProcessing.load(); }
+    void setBasebandPostProcessing(bool v) { _bbPostProcessing.store(v); }
+    bool basebandPostProcessingNotify() const { return _bbPostProcessingNotify.load(); }
+    void setBasebandPostProcessingNotify(bool v) { _bbPostProcessingNotify.store(v); }
+    bool rotateDebugLogging() const { return rotateDebugLogging_; }
+    bool runLoopDebugLogging() const { return runLoopDebugLogging_; }
+
+    // Logging modes.
+    std::string currentLoggingModeString();
+    std::int16_t currentLoggerMode();
+    std::int16_t currentRunningMode();
+    void blackListTodayAsFullMode();
+    std::string rotateJoulixDefaultStringValue();
+    std::optional<std::string> remainingStringFrom(const std::optional<std::string>& text,
+                                                   const std::string& byRemovingPrefix,
+                                                   const std::string& byRemovingSuffix);
+
+    // Logger registry.
+    void setupLoggers();
+    // Notifications, signals and triggers.
+    void setupNotifications();
+    void stopNotifications();
+    void joulixExitRequested();
+    void triggerAllLoggers(const std::string& reason);
+    // Log file and rotation.
+    void startLoggingToFile();
+    void stopLoggingAndCloseFile();
+    // Protection and watching.
+    bool setFileProtectionForPath(const std::string& path, const std::string& withIdentifier);
+    void watchCrashReportDirectories(bool arm);
+    void logFileCheck();
+
+    // The shared timestamp formatter; every use holds its monitor.
+    jx::DateFormatter& logTimestampFormatter() { return *logTimestampFormatter_; }
+
+private:
+    bool init();
+
+    // Instance state, in the order the controller declares it.
+    std::shared_ptr<JXEntry> _loggerList;
+    FILE* logFile = nullptr;
+    std::unique_ptr<jx::DateFormatter> logTimestampFormatter_;
+    std::optional<std::string> linkedLogPath;
+    std::optional<jx::Date> rolloverTimer;
+    int kQueue = -1;
+    int crashReportDirectoryDescriptor = -1;
+    int currentLogDirectoryDescriptor = -1;
+    std::optional<jx::RunLoop::SourceId> kqueueDescriptorSource;
+    void* kqueueDescriptorRef = nullptr;
+    bool rotateDebugLogging_ = false;
+    bool runLoopDebugLogging_ = false;
+    std::atomic<bool> _bbPostProcessing{false};
+    std::atomic<bool> _bbPostProcessingNotify{false};
+    std::atomic<bool> _logToFile{false};
+    std::atomic<bool> _shouldKeepRunning{false};
+    mutable std::mutex fileGUIDMutex_;
+    std::optional<std::string> _fileGUID;
+    std::atomic<bool> _setupComplete{false};
+    std::atomic<bool> _exitRequested{false};
+};
+
+// The SIGUSR1 handler: with SIGUSR1, every logger logs now.
+void signalTrigger(int signalNumber);

@@ -1,0 +1,23 @@
+#include "platform/Clock.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace jx {
+namespace {
+std::atomic<Clock*> gClock{nullptr};
+}
+
+void Clock::sleepSeconds(unsigned seconds) { std::this_thread::sleep_for(std::chrono::seconds(seconds)); }
+void Clock::sleepMicroseconds(std::uint64_t us) { std::this_thread::sleep_for(std::chrono::microseconds(us)); }
+
+Clock& Clock::current() {
+    if (Clock* c = gClock.load()) return *c;
+    static Clock real;
+    return real;
+}
+
+void Clock::setCurrent(Clock* clock) { gClock.store(clock); }
+
+}  // namespace jx

@@ -1,0 +1,22 @@
+// The clock seam: the present moment and the sleeps of the controller.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/Value.h"
+
+namespace jx {
+
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual Date now() { return Date::now(); }
+    virtual void sleepSeconds(unsigned seconds);
+    virtual void sleepMicroseconds(std::uint64_t microseconds);
+
+    // The clock in use; tests install a double (not owned, nullptr restores the real one).
+    static Clock& current();
+    static void setCurrent(Clock* clock);
+};
+
+}  // namespace jx

@@ -1,0 +1,40 @@
+// JXLogger: the base of every logger plug-in. A logger writes entries about one
+// area of the device, on its own serial queue.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "platform/JXValue.h"
+#include "platform/SerialQueue.h"
+
+class JXLogger : public JXObject, public std::enable_shared_from_this<JXLogger> {
+public:
+    explicit JXLogger(std::string name);
+    ~JXLogger() override;
+
+    const std::string& name() const { return name_; }
+    // The logger's own serial queue, on which its log calls run.
+    jx::SerialQueue& loggerSerialQueue() { return queue_; }
+
+    // Takes and writes one sample now.
+    void log();
+    // YES once the logger has logged at least once.
+    bool haveLogged() const { return haveLogged_.load(); }
+    // YES while the logger writes its full state into a new log.
+    void setIsNewLog(bool isNew) { isNewLog_.store(isNew); }
+    bool isNewLog() const { return isNewLog_.load(); }
+
+    std::string description() const override { return "<" + name_ + ">"; }
+
+protected:
+    // What one sample writes; each logger supplies its own.
+    virtual void logSample() = 0;
+
+private:
+    std::string name_;
+    jx::SerialQueue queue_;
+    std::atomic<bool> haveLogged_{false};
+    std::atomic<bool> isNewLog_{false};
+};

@@ -1,0 +1,175 @@
+#include "platform/JXUtilities.h"
+
+#include <pwd.h>
+#include <sys/utsname.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <mutex>
+#include <random>
+
+#include "platform/JXEntry.h"
+#include "platform/JXLogger.h"
+#include "platform/NotificationCenter.h"
+#include "platform/Root.h"
+
+namespace {
+std::mutex gMutex;
+std::shared_ptr<jx::RunLoop> gRunLoop;
+std::thread::id gRunThread;
+std::shared_ptr<JXEntry> gLoggerList;
+std::optional<std::string> gProcessNameOverride;
+JXUtilities::TimeSnapshot gSnapshot;
+
+std::string unquote(std::string v) {
+    if (v.size() >= 2 && (v.front() == '"' || v.front() == '\'') && v.back() == v.front())
+        v = v.substr(1, v.size() - 2);
+    return v;
+}
+
+// VERSION_ID of an os-release file, else its BUILD_ID, else its ID; empty when none.
+std::string osReleaseVersion(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) return {};
+    std::string line, version, build, id;
+    while (std::getline(in, line)) {
+        auto eq = line.find('=');
+        if (eq == std::string::npos) continue;
+        std::string key = line.substr(0, eq), value = unquote(line.substr(eq + 1));
+        if (key == "VERSION_ID") version = value;
+        else if (key == "BUILD_ID") build = value;
+        else if (key == "ID") id = value;
+    }
+    if (!version.empty()) return version;
+    if (!build.empty()) return build;
+    return id;
+}
+}  // namespace
+
+std::string JXUtilities::runningAsUser() {
+    struct passwd pw {};
+    struct passwd* result = nullptr;
+    char buf[4096];
+    if (getpwuid_r(geteuid(), &pw, buf, sizeof buf, &result) == 0 && result) return result->pw_name;
+    return std::to_string(geteuid());
+}
+
+std::string JXUtilities::processName() {
+    {
+        std::lock_guard lock(gMutex);
+        if (gProcessNameOverride) return *gProcessNameOverride;
+    }
+    return program_invocation_short_name;
+}
+
+void JXUtilities::setProcessNameForTesting(std::optional<std::string> name) {
+    std::lock_guard lock(gMutex);
+    gProcessNameOverride = std::move(name);
+}
+
+std::string JXUtilities::UUIDString() {
+    thread_local std::mt19937_64 rng{std::random_device{}()};
+    std::uint64_t hi = rng(), lo = rng();
+    hi = (hi & ~0xF000ULL) | 0x4000ULL;  // version 4
+    lo = (lo & ~(0xC0ULL << 56)) | (0x80ULL << 56);  // variant 10
+    char buf[40];
+    std::snprintf(buf, sizeof buf, "%08X-%04X-%04X-%04X-%012llX", static_cast<unsigned>(hi >> 32),
+                  static_cast<unsigned>((hi >> 16) & 0xFFFF), static_cast<unsigned>(hi & 0xFFFF),
+                  static_cast<unsigned>(lo >> 48), static_cast<unsigned long long>(lo & 0xFFFFFFFFFFFFULL));
+    return buf;
+}
+
+std::string JXUtilities::buildVersion() {
+    std::string version = osReleaseVersion(jx::rootPath("/etc/os-release"));
+    if (version.empty() && jx::root() != "/") version = osReleaseVersion("/etc/os-release");
+    if (version.empty()) version = osReleaseVersion("/usr/lib/os-release");
+    if (version.empty()) version = "unknown";
+    struct utsname u {};
+    std::string kernel = uname(&u) == 0 ? u.release : "unknown";
+    std::string build = version + " (" + kernel + ")";
+    // The header's fields end at ";": keep it out of the build text.
+    std::replace(build.begin(), build.end(), ';', ',');
+    std::replace(build.begin(), build.end(), '\n', ' ');
+    return build;
+}
+
+std::string JXUtilities::deviceName() {
+    char host[256] = {};
+    if (gethostname(host, sizeof host - 1) != 0 || !host[0]) return "localhost";
+    return host;
+}
+
+jx::SerialQueue& JXUtilities::sharedDispatchQueue() {
+    static jx::SerialQueue* q = new jx::SerialQueue("com.brindle.joulix.shared");
+    return *q;
+}
+
+jx::SerialQueue& JXUtilities::loggerListDispatchQueue() {
+    static jx::SerialQueue* q = new jx::SerialQueue("com.brindle.joulix.loggerList");
+    return *q;
+}
+
+jx::SerialQueue& JXUtilities::mainQueue() {
+    static jx::SerialQueue* q = new jx::SerialQueue("com.brindle.joulix.main");
+    return *q;
+}
+
+void JXUtilities::setSharedJXRunLoop(std::shared_ptr<jx::RunLoop> loop) {
+    // The shared loop always holds the port through which other threads hand it
+    // work (notification callbacks, stop requests), so it is never without a source.
+    if (loop) loop->setKeepAlive(true);
+    std::lock_guard lock(gMutex);
+    gRunLoop = std::move(loop);
+}
+
+std::shared_ptr<jx::RunLoop> JXUtilities::sharedJXRunLoop() {
+    std::lock_guard lock(gMutex);
+    return gRunLoop;
+}
+
+void JXUtilities::setSharedJXThread(std::thread::id thread) {
+    std::lock_guard lock(gMutex);
+    gRunThread = thread;
+}
+
+std::thread::id JXUtilities::sharedJXThread() {
+    std::lock_guard lock(gMutex);
+    return gRunThread;
+}
+
+void JXUtilities::sharedTimeSnapshotInit() {
+    timespec mono{};
+    clock_gettime(CLOCK_MONOTONIC, &mono);
+    std::lock_guard lock(gMutex);
+    gSnapshot.wallClock = jx::Date::now();
+    gSnapshot.monotonicSeconds = static_cast<double>(mono.tv_sec) + mono.tv_nsec / 1e9;
+}
+
+JXUtilities::TimeSnapshot JXUtilities::sharedTimeSnapshot() {
+    std::lock_guard lock(gMutex);
+    return gSnapshot;
+}
+
+void JXUtilities::linkLoggerList(std::shared_ptr<JXEntry> list) {
+    std::lock_guard lock(gMutex);
+    gLoggerList = std::move(list);
+}
+
+std::shared_ptr<JXLogger> JXUtilities::getLoggerForName(const std::string& name) {
+    std::shared_ptr<JXEntry> list;
+    {
+        std::lock_guard lock(gMutex);
+        list = gLoggerList;
+    }
+    if (!list) return nullptr;
+    auto v = list->objectForKey(name);
+    if (!v || JXNull::isNull(v->object())) return nullptr;
+    return std::dynamic_pointer_cast<JXLogger>(v->object());
+}
+
+void JXUtilities::postNotificationName(const std::string& name, const void* object, const jx::Value& userInfo) {
+    jx::NotificationCenter::defaultCenter().post(name, object, userInfo);
+}

@@ -1,0 +1,56 @@
+// Named notifications: in-process (observers called on the posting thread) and
+// system-wide (between processes).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/Value.h"
+
+namespace jx {
+
+struct Notification {
+    std::string name;
+    const void* object = nullptr;
+    Value userInfo;
+};
+
+class NotificationCenter {
+public:
+    using Callback = std::function<void(const Notification&)>;
+
+    static NotificationCenter& defaultCenter();
+
+    // An empty name observes every notification.
+    void addObserver(const void* observer, const std::string& name, Callback callback);
+    void removeObserver(const void* observer);
+    void removeObserver(const void* observer, const std::string& name);
+    void post(const std::string& name, const void* object = nullptr, const Value& userInfo = {});
+
+private:
+    struct Entry {
+        const void* observer;
+        std::string name;
+        std::shared_ptr<Callback> callback;
+    };
+    std::mutex mutex_;
+    std::vector<Entry> observers_;
+};
+
+// The system-wide centre. Posting reaches every process that observes the name.
+class SystemNotificationCenter {
+public:
+    virtual ~SystemNotificationCenter() = default;
+    // Answers whether the notification left this process.
+    virtual bool post(const std::string& name) = 0;
+
+    static SystemNotificationCenter& shared();
+    // Tests put in a double (not owned; nullptr restores the real one).
+    static void setShared(SystemNotificationCenter* center);
+};
+
+}  // namespace jx
