@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include "JoulixMain/JoulixMain.h"
+#include "defaults/JXDefaults.h"
+#include "platform/JXUtilities.h"
+#include "tests/JoulixMain/TestLogger.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+class ModesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        controller = JoulixMain::create();
+        ASSERT_TRUE(controller);
+    }
+    void TearDown() override { JXUtilities::setProcessNameForTesting(std::nullopt); }
+
+    jxtest::TestRoot root;
+    std::shared_ptr<JoulixMain> controller;
+};
+
+TEST_F(ModesTest, LoggingModeNames) {
+    EXPECT_EQ(controller->currentLoggingModeString(), "Lite");  // unset
+    struct {
+        long long stored;
+        const char* name;
+    } cases[] = {{0, "Lite"}, {32768, "Lite"}, {1, "Full"}, {65537, "Full"}, {2, "Full"}, {-1, "Full"}, {65536, "Lite"}};
+    for (auto& c : cases) {
+        JXDefaultsSetValueForKey(JXLoggingMode, jx::Value(c.stored));
+        EXPECT_EQ(controller->currentLoggingModeString(), c.name) << c.stored;
+    }
+}
+
+TEST_F(ModesTest, LoggerAndRunningModesFollowTheRegistryAndTheProcessName) {
+    struct RunningCase {
+        const char* process;
+        int expected[3];  // by logger mode 0, 1, 2
+    } running[] = {{"joulix", {2, 1, 4}}, {"JOULIX", {2, 1, 4}}, {"powertool", {0, 3, 4}}};
+
+    auto check = [&](int loggerMode) {
+        EXPECT_EQ(controller->currentLoggerMode(), loggerMode);
+        for (auto& r : running) {
+            JXUtilities::setProcessNameForTesting(r.process);
+            EXPECT_EQ(controller->currentRunningMode(), r.expected[loggerMode]) << r.process << " mode " << loggerMode;
+        }
+    };
+    check(2);  // nothing registered
+    registerLogger(*controller, "JXConfigLogger");
+    registerLogger(*controller, "JXDisplayLogger");
+    check(0);  // core loggers only
+    registerLogger(*controller, "JXThermalLogger");
+    check(1);
+}
+
+TEST_F(ModesTest, NullPlaceholdersDoNotCountAsRegisteredLoggers) {
+    registerLogger(*controller, "JXBatteryLogger");
+    controller->loggerList()->setObject(JXValue::valueWithObject(JXNull::null()), "JXCameraLogger");
+    EXPECT_EQ(controller->currentLoggerMode(), 0);
+}
+
+TEST_F(ModesTest, FullModeDayListKeepsTodayOnceAndLast) {
+    std::string today;
+    {
+        std::lock_guard lock(controller->logTimestampFormatter().monitor());
+        today = controller->logTimestampFormatter().stringFromDate(jx::Date::now()).substr(0, 10);
+    }
+    JXDefaultsSetValueForKey(JXFullModeBlackList,
+                             jx::Value(jx::Array{jx::Value(today), jx::Value("2026-01-02"), jx::Value(today)}));
+    controller->blackListTodayAsFullMode();
+    controller->blackListTodayAsFullMode();
+    EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList), jx::Value(jx::Array{jx::Value("2026-01-02"), jx::Value(today)}));
+
+    // An unset or wrong-typed list starts afresh.
+    JXDefaultsSetValueForKey(JXFullModeBlackList, jx::Value("garbage"));
+    controller->blackListTodayAsFullMode();
+    EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList), jx::Value(jx::Array{jx::Value(today)}));
+}
+
+TEST_F(ModesTest, RotationSettingAsText) {
+    EXPECT_EQ(controller->rotateJoulixDefaultStringValue(), "Default");
+    struct {
+        jx::Value stored;
+        const char* text;
+    } cases[] = {{jx::Value("1 minute"), "1 minute"}, {jx::Value(3), "3"}, {jx::Value(true), "1"}, {jx::Value(""), ""}};
+    for (auto& c : cases) {
+        JXDefaultsSetValueForKey(JXRotateJoulixKey, c.stored);
+        EXPECT_EQ(controller->rotateJoulixDefaultStringValue(), c.text);
+    }
+}
+
+TEST_F(ModesTest, RemainingStringBetweenPrefixAndSuffix) {
+    struct {
+        std::optional<std::string> text;
+        const char* prefix;
+        const char* suffix;
+        std::optional<std::string> expected;
+    } cases[] = {
+        {"a[b]c", "[", "]", "b"},
+        {"a[]c", "[", "]", ""},
+        {"a]b[c", "[", "]", std::nullopt},  // the suffix is looked for after the prefix only
+        {"abc", "[", "]", std::nullopt},
+        {"a[bc", "[", "]", std::nullopt},
+        {"Build=12 (6.1); Timestamp=x;", "Build=", ";", "12 (6.1)"},
+        {"x=1; x=2;", "x=", ";", "1"},  // the first occurrence wins
+        {std::nullopt, "[", "]", std::nullopt},
+        {"abc", "", "c", std::nullopt},
+    };
+    for (auto& c : cases)
+        EXPECT_EQ(controller->remainingStringFrom(c.text, c.prefix, c.suffix), c.expected)
+            << c.text.value_or("(nil)") << " " << c.prefix << " " << c.suffix;
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "defaults/JXDefaults.h"
+#include "platform/PreferencesStore.h"
+#include "platform/PropertyList.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+const std::string kStoreFile = "/var/mobile/Library/Preferences/com.brindle.joulix.plist";
+const std::string kManagedFile = "/Library/Managed Preferences/mobile//com.brindle.joulix.plist";
+
+class DefaultsTest : public ::testing::Test {
+protected:
+    void writeManaged(const jx::Dictionary& d, const std::string& domain = "com.brindle.joulix") {
+        std::string path = JXDefaultsManagedPreferencesPath(domain);
+        root.writeFile(path.substr(root.path().size()), "");
+        ASSERT_TRUE(jx::writePropertyListFileAtomically(path, jx::Value(d)));
+    }
+    jxtest::TestRoot root;
+};
+
+TEST_F(DefaultsTest, ManagedPathKeepsTheDoubledSlash) {
+    EXPECT_EQ(JXDefaultsManagedPreferencesPath("com.brindle.joulix"), root(kManagedFile));
+}
+
+TEST_F(DefaultsTest, StoreWinsOverManagedFileWhichFillsOnlyGaps) {
+    writeManaged({{"JXRotateJoulix", jx::Value("3 hour")}, {"JXLinkFaultkeeper", jx::Value(true)}});
+    JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value("1 minute"));
+
+    EXPECT_EQ(JXDefaultsValueForKey(JXRotateJoulixKey), jx::Value("1 minute"));
+    EXPECT_EQ(JXDefaultsCopyValueForKeySync(JXLinkFaultkeeper, true), jx::Value(true));
+    EXPECT_TRUE(JXDefaultsValueExistsForKey(JXLinkFaultkeeper));
+    EXPECT_FALSE(JXDefaultsValueExistsForKey(JXStartDelay));
+    EXPECT_TRUE(JXDefaultsValueForKey(JXStartDelay).isNil());
+}
+
+TEST_F(DefaultsTest, MissingManagedFileIsRetriedButLoadedOneIsNeverReloaded) {
+    EXPECT_TRUE(JXDefaultsValueForKey(JXLoggerDiscovery).isNil());
+    writeManaged({{"JXLoggerDiscovery", jx::Value("dynamic")}});
+    EXPECT_EQ(JXDefaultsValueForKey(JXLoggerDiscovery), jx::Value("dynamic"));
+
+    writeManaged({{"JXLoggerDiscovery", jx::Value("static")}, {"JXStartDelay", jx::Value(true)}});
+    EXPECT_EQ(JXDefaultsValueForKey(JXLoggerDiscovery), jx::Value("dynamic"));
+    EXPECT_TRUE(JXDefaultsValueForKey(JXStartDelay).isNil());
+}
+
+TEST_F(DefaultsTest, UnreadableManagedFileIsNotRemembered) {
+    root.writeFile(kManagedFile, "this is not a property list");
+    EXPECT_TRUE(JXDefaultsValueForKey(JXLoggerDiscovery).isNil());
+    writeManaged({{"JXLoggerDiscovery", jx::Value("dynamic")}});
+    EXPECT_EQ(JXDefaultsValueForKey(JXLoggerDiscovery), jx::Value("dynamic"));
+}
+
+TEST_F(DefaultsTest, LoggingModeIsTruncatedToSixteenBits) {
+    EXPECT_EQ(JXDefaultsCurrentLoggingMode(), -32768);  // unset
+    struct Case {
+        jx::Value stored;
+        int expected;
+    } cases[] = {
+        {jx::Value(0), 0},          {jx::Value(1), 1},           {jx::Value(65543), 7},
+        {jx::Value(32768), -32768}, {jx::Value(65535), -1},      {jx::Value(-1), -1},
+        {jx::Value(65537), 1},      {jx::Value("7"), 7},         {jx::Value(2.9), 2},
+        {jx::Value(true), 1},       {jx::Value("Full"), 0},
+    };
+    for (const Case& c : cases) {
+        JXDefaultsSetValueForKey(JXLoggingMode, c.stored);
+        EXPECT_EQ(JXDefaultsCurrentLoggingMode(), c.expected) << c.stored.description();
+    }
+}
+
+TEST_F(DefaultsTest, WrongTypedValuesReachTheCallerUntouched) {
+    jx::Array list{jx::Value("a"), jx::Value(2)};
+    JXDefaultsSetValueForKey(JXStartDelay, jx::Value("YES"));
+    JXDefaultsSetValueForKey(JXRunLoopDebug, jx::Value(list));
+    JXDefaultsSetValueForKey(JXJoulixArchiveDays, jx::Value(2.5));
+
+    jx::Value delay = JXDefaultsValueForKey(JXStartDelay);
+    ASSERT_TRUE(delay.isString());
+    EXPECT_EQ(*delay.asString(), "YES");
+    EXPECT_TRUE(delay.boolValue());
+    EXPECT_EQ(JXDefaultsValueForKey(JXRunLoopDebug), jx::Value(list));
+    EXPECT_EQ(JXDefaultsValueForKeySync(JXJoulixArchiveDays, true), jx::Value(2.5));
+}
+
+TEST_F(DefaultsTest, SetDefaultLeavesAnyExistingValueEvenAManagedOne) {
+    writeManaged({{"JXLinkFaultkeeper", jx::Value(false)}});
+    JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value("1 hour"));
+
+    JXDefaultsSetDefaultValueForKey(JXRotateJoulixKey, jx::Value("1 day"));
+    JXDefaultsSetDefaultValueForKey(JXLinkFaultkeeper, jx::Value(true));
+    JXDefaultsSetDefaultValueForKey(JXDeviceNameInFileName, jx::Value(true));
+
+    EXPECT_EQ(JXDefaultsValueForKey(JXRotateJoulixKey), jx::Value("1 hour"));
+    EXPECT_EQ(JXDefaultsValueForKey(JXLinkFaultkeeper), jx::Value(false));
+    EXPECT_EQ(JXDefaultsValueForKey(JXDeviceNameInFileName), jx::Value(true));
+    // The managed value was not copied into the store.
+    jx::FilePreferencesStore fresh;
+    EXPECT_TRUE(fresh.copyValue("JXLinkFaultkeeper", "com.brindle.joulix", "mobile").isNil());
+}
+
+TEST_F(DefaultsTest, WritesReachTheFileAndOtherReaders) {
+    JXDefaultsSetValueForKey(JXFullModeBlackList, jx::Value(jx::Array{jx::Value("2026-11-20")}));
+    auto onDisk = jx::readPropertyListFile(root(kStoreFile));
+    ASSERT_TRUE(onDisk);
+    EXPECT_EQ(onDisk->objectForKey("JXFullModeBlackList"), jx::Value(jx::Array{jx::Value("2026-11-20")}));
+
+    // Another writer's change is seen by the next read.
+    jx::FilePreferencesStore other;
+    other.setValue("JXRotateJoulix", jx::Value("5 hour"), "com.brindle.joulix", "mobile");
+    ASSERT_TRUE(other.synchronize("com.brindle.joulix", "mobile"));
+    EXPECT_EQ(JXDefaultsCopyValueForKeySync(JXRotateJoulixKey, true), jx::Value("5 hour"));
+    EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList).count(), 1u);
+
+    // A nil value removes the key.
+    JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value());
+    EXPECT_FALSE(JXDefaultsValueExistsForKey(JXRotateJoulixKey));
+}
+
+TEST_F(DefaultsTest, OtherComponentsDomainsAreReadWithTheirOwnFiles) {
+    JXDefaultsSetValueForKeyInDomain("SBAutoLockTime", jx::Value(60), "com.brindle.launchdeck");
+    writeManaged({{"BacklightLevel", jx::Value(0.5)}}, "com.brindle.inputdeckd");
+
+    EXPECT_EQ(CopyLaunchdeckPreferenceValue("SBAutoLockTime"), jx::Value(60));
+    EXPECT_EQ(CopyInputdeckPreferenceValue("BacklightLevel"), jx::Value(0.5));
+    EXPECT_TRUE(JXDefaultsValueForKey("SBAutoLockTime").isNil());
+    EXPECT_EQ(CopyPreferenceValue("SBAutoLockTime", "com.brindle.launchdeck", "mobile", true), jx::Value(60));
+}
+
+TEST(LightLoggers, MembershipIsExactAndCaseSensitive) {
+    const char* light[] = {"JXConfigLogger",     "JXBatteryLogger",        "JXKPCLogger",
+                           "JXBatteryLifeMonitorLogger", "JXSleepWakeLogger", "JXDisplayLogger",
+                           "JXLocaleLogger",     "JXNetworkLogger",        "JXProcessNetworkLogger",
+                           "JXTelephonyLogger",  "JXBasebandLogger",       "JXWiFiLogger",
+                           "JXGeokitLogger",     "JXProcessMonitorLogger", "JXApplicationLogger",
+                           "JXAudioLogger",      "JXLaunchdeckLogger",     "JXSettingsLogger"};
+    for (const char* name : light) EXPECT_TRUE(JXDefaultsLoggerRunsLight(name)) << name;
+    for (const char* name : {"jxconfiglogger", "JXConfigLogger ", "JXThermalLogger", "JXPushNotificationLogger", ""})
+        EXPECT_FALSE(JXDefaultsLoggerRunsLight(name)) << name;
+}
+
+TEST(KeyCatalogue, ConstantsPairWithTheirKeys) {
+    struct Pair {
+        const char* constant;
+        const char* key;
+    } irregular[] = {
+        {JXRotateJoulixKey, "JXRotateJoulix"},
+        {JXNetStatLoggingKey, "JXNetworkConnectionsLogging"},
+        {JXProcessSamplerDefaultKey, "JXProcessSamplerEnabled"},
+        {JXShouldQueryWiFiPowerUsageKey, "JXShouldQueryWiFiPowerUsage2"},
+        {JXPMULoggerKey, "JXPMULogger"},
+        {JXBasebandPostProcessingNotifyKey, "JXBasebandPostProcessingNotify"},
+        {JXBBMinimumTimeBetweenSmartJXChecksKey, "JXBBMinimumTimeBetweenSmartJXChecks"},
+        {JXSecondsBeforeSignificantTimeTriggeredKey, "JXSecondsBeforeSignificantTimeTriggered"},
+        {JXAggregateDebugLoggingKey, "JXAggregateDebugLoggingKey"},
+        {JXBatteryLifeMonitorCadenzaEventDebugKey, "JXBatteryLifeMonitorCadenzaEventDebugKey"},
+        {JXControlRunDependant, "JXControlRunDependant"},
+    };
+    for (const Pair& p : irregular) EXPECT_STREQ(p.constant, p.key);
+
+    // 45 keys, each string once.
+    ASSERT_EQ(kJXDefaultsKeyCatalogueCount, 45u);
+    std::set<std::string> keys;
+    for (unsigned i = 0; i < kJXDefaultsKeyCatalogueCount; ++i) keys.insert(kJXDefaultsKeyCatalogue[i].key);
+    EXPECT_EQ(keys.size(), 45u);
+}
+
+}  // namespace

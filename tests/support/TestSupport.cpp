@@ -1,0 +1,127 @@
+#include "tests/support/TestSupport.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "defaults/JXDefaults.h"
+#include "platform/Root.h"
+
+namespace jxtest {
+
+TestRoot::TestRoot() {
+    std::string tmpl = (std::filesystem::temp_directory_path() / "joulix-test-XXXXXX").string();
+    path_ = mkdtemp(tmpl.data());
+    jx::setRoot(path_);
+    JXDefaultsResetManagedCacheForTesting();
+}
+
+TestRoot::~TestRoot() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+    JXDefaultsResetManagedCacheForTesting();
+}
+
+std::string TestRoot::operator()(const std::string& absolute) const { return path_ + absolute; }
+
+void TestRoot::writeFile(const std::string& absolute, const std::string& contents) const {
+    std::filesystem::path p = (*this)(absolute);
+    std::filesystem::create_directories(p.parent_path());
+    std::ofstream(p, std::ios::binary) << contents;
+}
+
+std::string TestRoot::readFile(const std::string& absolute) const {
+    std::ifstream in((*this)(absolute), std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+LogCapture::LogCapture() { jx::setLogSink(this); }
+LogCapture::~LogCapture() { jx::setLogSink(nullptr); }
+
+void LogCapture::message(int level, std::string_view text) {
+    std::lock_guard lock(mutex_);
+    entries_.emplace_back(level, std::string(text));
+}
+
+std::vector<std::string> LogCapture::messages() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    for (auto& e : entries_) out.push_back(e.second);
+    return out;
+}
+
+std::vector<std::pair<int, std::string>> LogCapture::entries() const {
+    std::lock_guard lock(mutex_);
+    return entries_;
+}
+
+bool LogCapture::contains(const std::string& text) const { return count(text) > 0; }
+
+std::size_t LogCapture::count(const std::string& text) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (auto& e : entries_) n += e.second == text;
+    return n;
+}
+
+FakeClock::FakeClock() { jx::Clock::setCurrent(this); }
+FakeClock::~FakeClock() { jx::Clock::setCurrent(nullptr); }
+
+jx::Date FakeClock::now() {
+    std::lock_guard lock(mutex_);
+    return now_;
+}
+
+void FakeClock::sleepSeconds(unsigned seconds) {
+    std::lock_guard lock(mutex_);
+    sleeps_.push_back(seconds * 1000000ULL);
+    now_.secondsSince1970 += seconds;
+}
+
+void FakeClock::sleepMicroseconds(std::uint64_t us) {
+    // A real pause, short, so that work on other threads can go on.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::lock_guard lock(mutex_);
+    sleeps_.push_back(us);
+    now_.secondsSince1970 += us / 1e6;
+}
+
+void FakeClock::setNow(jx::Date d) {
+    std::lock_guard lock(mutex_);
+    now_ = d;
+}
+
+std::vector<std::uint64_t> FakeClock::sleepsMicroseconds() const {
+    std::lock_guard lock(mutex_);
+    return sleeps_;
+}
+
+RecordingSystemCenter::RecordingSystemCenter() { jx::SystemNotificationCenter::setShared(this); }
+RecordingSystemCenter::~RecordingSystemCenter() { jx::SystemNotificationCenter::setShared(nullptr); }
+
+bool RecordingSystemCenter::post(const std::string& name) {
+    std::lock_guard lock(mutex_);
+    posted_.push_back(name);
+    return true;
+}
+
+std::vector<std::string> RecordingSystemCenter::posted() const {
+    std::lock_guard lock(mutex_);
+    return posted_;
+}
+
+bool waitFor(const std::function<bool()>& condition, double seconds) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+}  // namespace jxtest
