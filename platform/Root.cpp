@@ -2,11 +2,17 @@
 
 #include <cstdlib>
 #include <mutex>
+#include <vector>
 
 namespace jx {
 namespace {
 std::mutex gRootMutex;
 std::string* gRoot = nullptr;
+// Roots replaced by setRoot, kept alive and reachable: callers may still hold a reference.
+std::vector<std::string*>& oldRoots() {
+    static auto* roots = new std::vector<std::string*>();
+    return *roots;
+}
 
 std::string normalised(std::string dir) {
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
@@ -26,6 +32,7 @@ const std::string& root() {
 void setRoot(const std::string& dir) {
     std::lock_guard lock(gRootMutex);
     // The old string is kept alive: callers may still hold a reference to it.
+    if (gRoot) oldRoots().push_back(gRoot);
     gRoot = new std::string(normalised(dir));
 }
 

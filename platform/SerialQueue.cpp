@@ -33,8 +33,10 @@ void SerialQueue::async(std::function<void()> task) {
             thread_ = std::thread(worker, state_);
             state_->threadId = thread_.get_id();
         }
+        // Notified under the lock: once it is released the task may run and release the
+        // queue's owner, and with it this queue.
+        state_->cv.notify_one();
     }
-    state_->cv.notify_one();
 }
 
 bool SerialQueue::isCurrent() const {
@@ -50,14 +52,21 @@ void SerialQueue::sync(const std::function<void()>& task) {
     std::mutex doneMutex;
     std::condition_variable doneCv;
     bool done = false;
+    std::exception_ptr raised;
     async([&] {
-        task();
+        // A task that throws must still release the caller; the exception goes to it.
+        try {
+            task();
+        } catch (...) {
+            raised = std::current_exception();
+        }
         std::lock_guard lock(doneMutex);
         done = true;
         doneCv.notify_one();
     });
     std::unique_lock lock(doneMutex);
     doneCv.wait(lock, [&] { return done; });
+    if (raised) std::rethrow_exception(raised);
 }
 
 void SerialQueue::worker(std::shared_ptr<State> s) {

@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/JXUtilities.h"
+#include "platform/PreferencesStore.h"
+#include "platform/PropertyList.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using jx::Dictionary;
+using jx::Value;
+
+constexpr const char* kDomain = "com.brindle.joulix.test";
+constexpr const char* kUser = "mobile";
+constexpr const char* kFile = "/var/mobile/Library/Preferences/com.brindle.joulix.test.plist";
+
+class PreferencesTest : public ::testing::Test {
+protected:
+    // What the file holds now, as another process would read it.
+    Value onDisk() const {
+        auto v = jx::readPropertyListFile(root(kFile));
+        return v ? *v : Value();
+    }
+    // Another writer replacing the file the way writers do: a new file renamed over it.
+    void writeBehindTheStoresBack(const Dictionary& d) const {
+        std::filesystem::create_directories(std::filesystem::path(root(kFile)).parent_path());
+        ASSERT_TRUE(jx::writePropertyListFileAtomically(root(kFile), Value(d)));
+    }
+    Value get(const char* key) { return store.copyValue(key, kDomain, kUser); }
+    void set(const char* key, const Value& v) { store.setValue(key, v, kDomain, kUser); }
+
+    jxtest::TestRoot root;
+    jx::FilePreferencesStore store;
+};
+
+TEST_F(PreferencesTest, WritesArePendingUntilSynchronized) {
+    EXPECT_EQ(jx::preferencesPath(kDomain, kUser), root(kFile));
+    EXPECT_TRUE(get("a").isNil());
+    set("a", Value(1));
+    set("b", Value("x"));
+    store.setValue("a", Value(3), kDomain, "root");  // another user's domain
+    EXPECT_EQ(get("a"), Value(1));  // the writer sees its own change at once
+    EXPECT_FALSE(std::filesystem::exists(root(kFile)));
+
+    ASSERT_TRUE(store.synchronize(kDomain, kUser));
+    EXPECT_EQ(onDisk(), Value(Dictionary{{"a", Value(1)}, {"b", Value("x")}}));
+    EXPECT_FALSE(std::filesystem::exists(jx::preferencesPath(kDomain, "root")));
+    jx::FilePreferencesStore other;  // like another process
+    EXPECT_EQ(other.copyDomain(kDomain, kUser), (Dictionary{{"a", Value(1)}, {"b", Value("x")}}));
+    EXPECT_TRUE(store.synchronize(kDomain, kUser));  // nothing pending
+}
+
+TEST_F(PreferencesTest, NilRemovesAKey) {
+    writeBehindTheStoresBack({{"keep", Value(1)}, {"drop", Value(2)}});
+    set("drop", Value());
+    set("never", Value());
+    EXPECT_TRUE(get("drop").isNil());
+    EXPECT_EQ(store.copyDomain(kDomain, kUser), (Dictionary{{"keep", Value(1)}}));
+    ASSERT_TRUE(store.synchronize(kDomain, kUser));
+    EXPECT_EQ(onDisk(), Value(Dictionary{{"keep", Value(1)}}));
+}
+
+TEST_F(PreferencesTest, ReadsSeeAnotherWritersChange) {
+    writeBehindTheStoresBack({{"mode", Value(1)}});
+    EXPECT_EQ(get("mode"), Value(1));
+    writeBehindTheStoresBack({{"mode", Value(2)}});
+    EXPECT_EQ(get("mode"), Value(2));
+    std::filesystem::remove(root(kFile));
+    EXPECT_TRUE(get("mode").isNil());
+    root.writeFile(kFile, "garbage");
+    EXPECT_TRUE(store.copyDomain(kDomain, kUser).empty());
+}
+
+TEST_F(PreferencesTest, SynchronizeMergesWithWhatIsOnDisk) {
+    writeBehindTheStoresBack({{"shared", Value("old")}, {"theirs", Value(1)}});
+    EXPECT_EQ(get("shared"), Value("old"));  // cached now
+    set("mine", Value(2));
+    set("shared", Value("new"));
+    writeBehindTheStoresBack({{"shared", Value("old")}, {"theirs", Value(1)}, {"added", Value(3)}});
+    ASSERT_TRUE(store.synchronize(kDomain, kUser));
+    EXPECT_EQ(onDisk(), Value(Dictionary{
+                            {"shared", Value("new")}, {"theirs", Value(1)}, {"added", Value(3)}, {"mine", Value(2)}}));
+
+    // Two stores with interleaved writes lose neither's keys.
+    jx::FilePreferencesStore other;
+    set("fromStore", Value(1));
+    other.setValue("fromOther", Value(2), kDomain, kUser);
+    ASSERT_TRUE(store.synchronize(kDomain, kUser));
+    ASSERT_TRUE(other.synchronize(kDomain, kUser));
+    EXPECT_EQ(onDisk().objectForKey("fromStore"), Value(1));
+    EXPECT_EQ(onDisk().count(), 6u);
+    // Once written, the store's own change no longer hides later changes by others.
+    writeBehindTheStoresBack({{"mine", Value(9)}});
+    EXPECT_EQ(get("mine"), Value(9));
+}
+
+TEST_F(PreferencesTest, AppDomainIsTheRunningUsersAndAMalformedFileIsReplaced) {
+    const std::string user = JXUtilities::runningAsUser();
+    root.writeFile("/var/" + user + "/Library/Preferences/app.plist", "garbage");
+    store.setValue("k", Value(jx::Array{Value(5)}), "app", user);
+    EXPECT_EQ(store.copyAppValue("k", "app"), Value(jx::Array{Value(5)}));
+    ASSERT_TRUE(store.synchronizeApp("app"));
+    EXPECT_EQ(jx::readPropertyListFile(jx::preferencesPath("app", user)),
+              Value(Dictionary{{"k", Value(jx::Array{Value(5)})}}));
+    std::size_t files = 0;
+    for (auto& e : std::filesystem::directory_iterator(root("/var/" + user + "/Library/Preferences")))
+        files += e.is_regular_file();
+    EXPECT_EQ(files, 1u);  // no temporary file left
+}
+
+}  // namespace

@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/JXLogWriter.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// A log file under a private root; declared before the writer so that it outlives it.
+class LogFile {
+public:
+    LogFile(const jxtest::TestRoot& root, const std::string& name)
+        : path_(root(name)), file_(std::fopen(path_.c_str(), "w")) {}
+    ~LogFile() { std::fclose(file_); }
+    FILE* get() const { return file_; }
+    // "[Key] rest" of each line, after checking that it starts with the time.
+    Lines bodies() const {
+        const std::string form = "00/00/0000 00:00:00.000 [";  // 0 stands for a digit
+        std::ifstream in(path_);
+        Lines out;
+        for (std::string text; std::getline(in, text);) {
+            bool ok = text.size() > form.size();
+            for (std::size_t i = 0; ok && i < form.size(); ++i)
+                ok = form[i] == '0' ? std::isdigit(static_cast<unsigned char>(text[i])) != 0 : text[i] == form[i];
+            if (ok) out.push_back(text.substr(form.size() - 1));
+            else ADD_FAILURE() << "malformed line: " << text;
+        }
+        return out;
+    }
+
+private:
+    std::string path_;
+    FILE* file_;
+};
+
+JXEntry entry(const std::string& key, long long n) {
+    JXEntry e(key);
+    e.setObject(JXValue::valueWithLong(n), "n");
+    return e;
+}
+
+class WriterTest : public ::testing::Test {
+protected:
+    void open() {
+        writer.setLogFile(file.get());
+        writer.setLogFileEnabled(true);
+    }
+    jxtest::TestRoot root;
+    LogFile file{root, "/log.txt"};
+    JXLogWriter writer;
+};
+
+TEST_F(WriterTest, LineLayout) {
+    open();
+    JXEntry e("Battery");
+    e.setObject(JXValue::valueWithLong(80), "level");
+    e.setObject(JXValue::valueWithDouble(4.25, "V"), "voltage");
+    writer.logEntry(e);
+    writer.logEntry("Title", " free text, as given");
+    writer.logDebug(e);
+    writer.logDebug("Debug", " x=1;");
+    writer.blockOnWriteEntries();
+    EXPECT_EQ(file.bodies(), (Lines{"[Battery] level=80; voltage=4.25V;", "[Title] free text, as given",
+                                    "[Battery] level=80; voltage=4.25V;", "[Debug] x=1;"}));
+}
+
+TEST_F(WriterTest, EntriesWaitInOrderForAFileAndAnEnabledWriter) {
+    writer.logEntry(entry("E", 1));
+    writer.setLogFileEnabled(true);  // enabled, but no file
+    writer.logEntry(entry("E", 2));
+    writer.blockOnWriteEntries();  // nothing can be written: returns at once
+    writer.setLogFileEnabled(false);
+    writer.setLogFile(file.get());  // a file, but disabled
+    writer.logAsFirstEntry(entry("Header", 1));
+    writer.logEntry(entry("E", 3));
+    writer.logAsFirstEntry(entry("Header", 2));  // ahead of everything, the first header too
+    writer.blockOnWriteEntries();
+    EXPECT_TRUE(file.bodies().empty());
+    writer.setLogFileEnabled(true);
+    writer.blockOnWriteEntries();
+    EXPECT_EQ(file.bodies(), (Lines{"[Header] n=2;", "[Header] n=1;", "[E] n=1;", "[E] n=2;", "[E] n=3;"}));
+    EXPECT_EQ(writer.droppedCount(), 0u);
+}
+
+TEST_F(WriterTest, PastThePendingLimitTheOldestOrdinaryEntriesGo) {
+    jxtest::LogCapture log;
+    writer.setPendingLimit(3);
+    writer.logAsFirstEntry(entry("Header", 0));
+    for (int i = 1; i <= 6; ++i) writer.logEntry(entry("E", i));
+    EXPECT_EQ(writer.droppedCount(), 4u);  // the header counts towards the limit but stays
+    open();
+    writer.blockOnWriteEntries();
+    EXPECT_EQ(file.bodies(), (Lines{"[Header] n=0;", "[LogWriter] droppedEntries=4;", "[E] n=5;", "[E] n=6;"}));
+    EXPECT_TRUE(log.contains("log writer: 4 entries were dropped while no log file was open"));
+
+    // Another spell without a file reports only what it lost itself; first entries are never lost.
+    writer.setLogFileEnabled(false);
+    for (int i = 7; i <= 10; ++i) writer.logEntry(entry("E", i));
+    for (int i = 1; i <= 3; ++i) writer.logAsFirstEntry(entry("Header", i));
+    EXPECT_EQ(writer.droppedCount(), 8u);
+    writer.setLogFileEnabled(true);
+    writer.blockOnWriteEntries();
+    Lines all = file.bodies();
+    EXPECT_EQ(Lines(all.begin() + 4, all.end()),
+              (Lines{"[Header] n=3;", "[Header] n=2;", "[Header] n=1;", "[LogWriter] droppedEntries=4;"}));
+}
+
+TEST_F(WriterTest, SwitchingOffOrOverWritesOutWhatWasQueuedFirst) {
+    // No blockOnWriteEntries before reading: the switch alone must have written everything
+    // logged before it, however far the writer thread had got.
+    writer.setLogFile(file.get());
+    std::size_t total = 0;
+    for (int round = 0; round < 40; ++round) {
+        writer.setLogFileEnabled(true);
+        int n = round % 4 == 0 ? 200 : 1 + round % 3;
+        for (int i = 0; i < n; ++i) writer.logEntry(entry("E", i));
+        writer.setLogFileEnabled(false);
+        total += n;
+        ASSERT_EQ(file.bodies().size(), total) << "round " << round;
+    }
+    writer.logEntry(entry("Later", 1));
+    writer.blockOnWriteEntries();
+    EXPECT_EQ(file.bodies().size(), total);
+
+    // Likewise a switch of files: each gets exactly what was logged while it was current.
+    LogFile second(root, "/second.txt");
+    const LogFile* files[] = {&file, &second};
+    std::size_t counts[] = {total + 1, 0};  // "Later" goes to the first file once enabled
+    writer.setLogFileEnabled(true);
+    for (int round = 0; round < 40; ++round) {
+        int from = round % 2, n = round % 4 == 0 ? 200 : 1 + round % 3;
+        for (int i = 0; i < n; ++i) writer.logEntry(entry("E", i));
+        writer.setLogFile(files[1 - from]->get());
+        counts[from] += n;
+        ASSERT_EQ(files[from]->bodies().size(), counts[from]) << "round " << round;
+    }
+    writer.setLogFile(nullptr);
+    EXPECT_EQ(second.bodies().size(), counts[1]);
+}
+
+TEST_F(WriterTest, BlockOnWriteEntriesAndDestructionLeaveEverythingOnDisk) {
+    open();
+    std::size_t total = 0;
+    for (int round = 1; round <= 5; ++round) {
+        for (int i = 0; i < round * 100; ++i) writer.logEntry(entry("R", i));
+        total += round * 100;
+        writer.blockOnWriteEntries();
+        ASSERT_EQ(file.bodies().size(), total) << "round " << round;
+    }
+    LogFile other(root, "/other.txt");
+    {
+        JXLogWriter local;
+        local.setLogFile(other.get());
+        local.setLogFileEnabled(true);
+        for (int i = 0; i < 200; ++i) local.logEntry(entry("E", i));
+    }
+    EXPECT_EQ(other.bodies().size(), 200u);
+}
+
+TEST_F(WriterTest, ManyThreadsLoseNothingAndLinesStayWhole) {
+    constexpr int kThreads = 6, kEach = 400;
+    const std::string padding(200, 'p');
+    open();
+    std::atomic<bool> done{false};
+    // Meanwhile the file is switched off and on, and waited on, from other threads.
+    std::thread toggler([&] {
+        for (int i = 0; !done; ++i, std::this_thread::yield()) writer.setLogFileEnabled(i % 2 == 1);
+        writer.setLogFileEnabled(true);
+    });
+    std::thread waiter([&] {
+        while (!done) writer.blockOnWriteEntries(), std::this_thread::yield();
+    });
+    std::vector<std::thread> producers;
+    for (int t = 0; t < kThreads; ++t)
+        producers.emplace_back([&, t] {
+            for (int i = 0; i < kEach; ++i) {
+                JXEntry e("T" + std::to_string(t));
+                e.setObject(JXValue::valueWithLong(i), "i");
+                e.setObject(JXValue::valueWithString(padding), "pad");
+                if (i % 2) writer.logEntry(e);
+                else writer.logDebug(e);
+            }
+        });
+    for (auto& p : producers) p.join();
+    done = true;
+    toggler.join();
+    waiter.join();
+    writer.blockOnWriteEntries();
+
+    Lines lines = file.bodies();
+    ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kEach));
+    std::vector<int> next(kThreads, 0);
+    for (const auto& line : lines) {
+        int t = -1, i = -1, rest = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "[T%d] i=%d; pad=%n", &t, &i, &rest), 2) << line;
+        ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+        ASSERT_EQ(line.substr(rest), padding + ";");
+        ASSERT_EQ(i, next[t]++) << "thread " << t << " out of order";
+    }
+}
+
+}  // namespace
