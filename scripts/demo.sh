@@ -4,17 +4,17 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-scripts/build.sh build -DJOULIX_BUILD_TESTS=OFF -DJOULIX_BUILD_BENCH=OFF >/dev/null
+scripts/build.sh build-demo -DJOULIX_BUILD_TESTS=OFF -DJOULIX_BUILD_BENCH=OFF >/dev/null
 
 root="$PWD/demo-root"
 mkdir -p "$root"
-ctl="build/daemon/joulixctl --root $root"
+ctl="build-demo/daemon/joulixctl --root $root"
 $ctl defaults write JXRotateJoulix "1 day"
 $ctl defaults write JXRotateJoulixDebug -bool YES
 $ctl defaults write JXRunLoopDebug -bool YES
 
 echo "== joulix --once under $root (system-log messages follow)"
-build/daemon/joulix --root "$root" --once --log-stderr
+build-demo/daemon/joulix --root "$root" --once --log-stderr
 echo
 echo "== where the output went"
 echo "settings:        $root/var/mobile/Library/Preferences/com.brindle.joulix.plist"

@@ -8,15 +8,15 @@ scripts/setup.sh
 
 jobs=$(nproc)
 echo "== build and test"
-scripts/build.sh build
+scripts/build.sh build -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=ON
 ctest --test-dir build --output-on-failure -j "$jobs"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
-scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
+scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
 echo "== ThreadSanitizer (queues, writer, run thread)"
-scripts/build.sh build-tsan -DJOULIX_SANITIZE=thread -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
+scripts/build.sh build-tsan -DJOULIX_SANITIZE=thread -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R '^(platform_tests|joulixmain_tests)'
