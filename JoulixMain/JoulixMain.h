@@ -85,11 +85,43 @@ public:
     void stopNotifications();
     void joulixExitRequested();
     void triggerAllLoggers(const std::string& reason);
-    // Log file and rotation.
-    void startLoggingToFile();
+    // Log file: naming, header, opening and closing.
+    std::string logFileNameForTimestamp(jx::Date date);
+    void createNewCurrentLogWithTimestamp(jx::Date timestamp);
+    bool readLogFilePrefix(const std::string& path, std::string* buildVersion, jx::Date* logDate);
+    void startLoggingToCurrentLog(jx::Date date);
     void stopLoggingAndCloseFile();
+
+    // Rotation schedule and rollover timer.
+    enum class RotationUnit { Minute, Hour, Day };
+    struct RotationSetting {
+        std::int64_t n;
+        RotationUnit unit;
+    };
+    // The rotation setting read and checked; an unsupported one is reported and gives one day.
+    RotationSetting rotationSetting();
+    void startLoggingToFile();
+    bool shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* periodStart,
+                                             std::optional<jx::Date>* withRolloverDate);
+    bool dateInRange(jx::Date date, jx::Date startInclusive, jx::Date endExclusive);
+    void logStateEvent(const std::string& state, std::optional<jx::Date> existingLogDate,
+                       std::optional<jx::Date> periodStart, std::optional<jx::Date> rolloverDate);
+    void setRolloverTimer(std::optional<jx::Date> date);
+    void rolloverTimerFired(const void* ignored);
+    std::int32_t ComputeTimeFromNowFromDefaults(const jx::Value& value);
+
+    // Placing logs in the crash-report directory.
+    bool isSameHardLinkedFileAtPath(const std::string& path, const std::string& asAtPath);
+    bool doesFileAtPathExist(const std::string& path);
+    bool deleteFileAtPath(const std::string& path);
+    bool moveFileFromPath(const std::string& path, const std::string& toPath);
+    bool moveFileAtPath(const std::string& path);
+    bool shouldLinkToFaultkeeper();
+    void generateLogGatheringFiles(const std::string& path);
+
     // Protection and watching.
     bool setFileProtectionForPath(const std::string& path, const std::string& withIdentifier);
+    bool fileIsUnlockedAtPath(const std::string& path, const std::string& withIdentifier);
     void watchCrashReportDirectories(bool arm);
     void logFileCheck();
 
@@ -98,6 +130,8 @@ public:
 
 private:
     bool init();
+    // The work startLoggingToFile hands to the shared queue.
+    void startLoggingToFileWork();
 
     // Instance state, in the order the controller declares it.
     std::shared_ptr<JXEntry> _loggerList;

@@ -9,8 +9,12 @@ void JoulixMain::stopNotifications() {}
 
 void JoulixMain::joulixExitRequested() {
     setExitRequested(true);
-    if (auto loop = JXUtilities::sharedJXCFRunLoop()) loop->stop();
+    auto loop = JXUtilities::sharedJXCFRunLoop();
+    if (loop) loop->stop();
     setShouldKeepRunning(false);
+    // The stop can reach the run thread before the flag turns: wake it once more so
+    // that it sees the flag, rather than going back to wait for the next event.
+    if (loop) loop->perform([] {});
 }
 
 // Making every logger log now belongs with the registry's trigger.

@@ -43,6 +43,8 @@ std::optional<Date> DateFormatter::dateFromString(const std::string& text) {
 
 std::unique_ptr<icu::Calendar> DateFormatter::copyCalendar() {
     std::unique_ptr<icu::Calendar> cal(format_->getCalendar()->clone());
+    // Calendar arithmetic must resolve a midnight that a clock change skips.
+    cal->setLenient(true);
     UErrorCode status = U_ZERO_ERROR;
     cal->setTime(icu::Calendar::getNow(), status);
     return cal;

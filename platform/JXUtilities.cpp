@@ -96,6 +96,14 @@ std::string JXUtilities::buildVersion() {
     return build;
 }
 
+bool JXUtilities::internalBuild() {
+    std::ifstream in(jx::rootPath("/etc/os-release"));
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind("VARIANT_ID=", 0) == 0) return unquote(line.substr(11)) == "internal";
+    return false;
+}
+
 std::string JXUtilities::deviceName() {
     char host[256] = {};
     if (gethostname(host, sizeof host - 1) != 0 || !host[0]) return "localhost";

@@ -27,6 +27,8 @@ public:
     static std::string buildVersion();
     // The device's name (its host name).
     static std::string deviceName();
+    // Whether this is an internal build: os-release's VARIANT_ID is "internal".
+    static bool internalBuild();
 
     // The shared serial work queue, on which log-file work runs.
     static jx::SerialQueue& sharedDispatchQueue();

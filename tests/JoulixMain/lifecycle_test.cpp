@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 
 #include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
@@ -19,6 +20,7 @@ using jxtest::waitFor;
 class RunThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        std::filesystem::create_directories(root("/var/mobile/Library/Logs/Faultkeeper"));
         jx::NotificationCenter::defaultCenter().addObserver(this, JXSharedRunLoopStopped,
                                                             [this](const jx::Notification&) { ++stoppedPosts; });
     }
@@ -57,6 +59,8 @@ TEST_F(RunThreadTest, OneShotRunWaitsForEveryLoggerThenEnds) {
     auto controller = start(false, false, [&](JoulixMain& c) {
         a = registerLogger(c, "JXConfigLogger");
         b = registerLogger(c, "JXBatteryLogger");
+        a->hold();
+        b->hold();
     });
     ASSERT_TRUE(waitFor([&] { return controller->setupComplete(); }));
     EXPECT_EQ(systemCenter.posted(), std::vector<std::string>{JXStateChanged});
@@ -66,10 +70,13 @@ TEST_F(RunThreadTest, OneShotRunWaitsForEveryLoggerThenEnds) {
     EXPECT_TRUE(JoulixMain::haveSharedJoulixMain());
     EXPECT_EQ(stoppedPosts.load(), 0);
 
-    a->log();
-    ASSERT_TRUE(waitFor([&] { return sleepsOf(50000) >= 6; }));
+    // The new log asked each logger for its state; the run ends once both have given it.
+    a->release();
+    ASSERT_TRUE(waitFor([&] { return a->haveLogged(); }));
+    std::size_t sleeps = sleepsOf(50000);
+    ASSERT_TRUE(waitFor([&] { return sleepsOf(50000) >= sleeps + 3; }));
     EXPECT_TRUE(JoulixMain::haveSharedJoulixMain());
-    b->log();
+    b->release();
 
     JoulixMain::waitForRunThreads();
     EXPECT_FALSE(JoulixMain::haveSharedJoulixMain());
@@ -89,6 +96,7 @@ TEST_F(RunThreadTest, EarlyExitRequestSkipsTheWaitForLoggers) {
     std::shared_ptr<CountingLogger> idle;
     auto controller = start(false, false, [&](JoulixMain& c) {
         idle = registerLogger(c, "JXDisplayLogger");
+        idle->hold();
         c.joulixExitRequested();
     });
     JoulixMain::waitForRunThreads();
@@ -100,7 +108,10 @@ TEST_F(RunThreadTest, EarlyExitRequestSkipsTheWaitForLoggers) {
 
 TEST_F(RunThreadTest, DaemonRunServesItsRunLoopUntilAnExitRequest) {
     std::shared_ptr<CountingLogger> idle;
-    auto controller = start(true, true, [&](JoulixMain& c) { idle = registerLogger(c, "JXWiFiLogger"); });
+    auto controller = start(true, true, [&](JoulixMain& c) {
+        idle = registerLogger(c, "JXWiFiLogger");
+        idle->hold();
+    });
     ASSERT_TRUE(waitFor([&] { return controller->setupComplete(); }));
     EXPECT_EQ(systemCenter.posted(), std::vector<std::string>{JXStateChanged});
 
@@ -122,9 +133,12 @@ TEST_F(RunThreadTest, DaemonRunServesItsRunLoopUntilAnExitRequest) {
 
 TEST_F(RunThreadTest, OnceRunGoesThroughTheDaemonStepsWithoutStaying) {
     std::shared_ptr<CountingLogger> logger;
-    auto controller = start(true, false, [&](JoulixMain& c) { logger = registerLogger(c, "JXAudioLogger"); });
+    auto controller = start(true, false, [&](JoulixMain& c) {
+        logger = registerLogger(c, "JXAudioLogger");
+        logger->hold();
+    });
     ASSERT_TRUE(waitFor([&] { return controller->setupComplete(); }));
-    logger->log();
+    logger->release();
     JoulixMain::waitForRunThreads();
     EXPECT_EQ(stoppedPosts.load(), 1);
     EXPECT_GE(sleepsOf(50000), 1u);

@@ -56,7 +56,7 @@ public:
 
 private:
     mutable std::mutex mutex_;
-    jx::Date now_{1795000000.0};
+    jx::Date now_ = jx::Date::now();  // the present, moved on by sleeps and setNow
     std::vector<std::uint64_t> sleeps_;
 };
 
