@@ -19,4 +19,4 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 echo "== ThreadSanitizer (queues, writer, run thread)"
 scripts/build.sh build-tsan -DJOULIX_SANITIZE=thread -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R '^(platform_tests|joulixmain_tests)'
+  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L '^(platform_tests|joulixmain_tests)$'
