@@ -50,11 +50,28 @@ std::string osReleaseVersion(const std::string& path) {
 }  // namespace
 
 std::string JXUtilities::runningAsUser() {
+    // Asked on every settings read: the name is looked up once per user id.
+    static std::mutex cacheMutex;
+    static uid_t cachedUid = static_cast<uid_t>(-1);
+    static std::string cachedName;
+    const uid_t uid = geteuid();
+    {
+        std::lock_guard lock(cacheMutex);
+        if (uid == cachedUid) return cachedName;
+    }
+    std::string name = lookUpUserName(uid);
+    std::lock_guard lock(cacheMutex);
+    cachedUid = uid;
+    cachedName = name;
+    return name;
+}
+
+std::string JXUtilities::lookUpUserName(uid_t uid) {
     struct passwd pw {};
     struct passwd* result = nullptr;
     char buf[4096];
-    if (getpwuid_r(geteuid(), &pw, buf, sizeof buf, &result) == 0 && result) return result->pw_name;
-    return std::to_string(geteuid());
+    if (getpwuid_r(uid, &pw, buf, sizeof buf, &result) == 0 && result) return result->pw_name;
+    return std::to_string(uid);
 }
 
 std::string JXUtilities::processName() {

@@ -2,6 +2,8 @@
 // process and the system, the shared queues, and the run-loop and registry links.
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,6 +61,9 @@ public:
 
     // Posts an in-process notification.
     static void postNotificationName(const std::string& name, const void* object, const jx::Value& userInfo = {});
+
+    // The account name of a user id (its number when it has none).
+    static std::string lookUpUserName(uid_t uid);
 
     // Tests name the process as they need; nullopt returns to the real name.
     static void setProcessNameForTesting(std::optional<std::string> name);
