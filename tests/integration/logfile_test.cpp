@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <regex>
+#include <sstream>
 
 #include "tests/integration/Process.h"
 #include "tests/support/TestSupport.h"
@@ -130,6 +131,28 @@ TEST_F(LogFileIntegrationTest, StdoutRunWritesTheLogToStandardOutputOnly) {
     Process p(argv, out("stdout"), env);
     ASSERT_EQ(p.wait(), 0);
     EXPECT_FALSE(std::filesystem::exists(root(kLog)));
+}
+
+TEST_F(LogFileIntegrationTest, DaemonRestartInTheSamePeriodContinuesAndSaysSo) {
+    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    for (int i = 0; i < 2; ++i) {
+        std::vector<std::string> argv{binary("joulix"), "--root", root.path(), "--log-stderr"};
+        Process daemon(argv, out("daemon" + std::to_string(i)), env);
+        ASSERT_TRUE(waitFor([&] { return daemon.err().find("unblocking after initial") != std::string::npos; }));
+        daemon.signal(SIGTERM);
+        ASSERT_EQ(daemon.wait(), 0);
+    }
+    const std::string log = root.readFile(kLog);
+    auto missing = log.find("[Log] state=Missing File;");
+    auto continued = log.find("[Log] state=continue; existingLogdate=");
+    ASSERT_NE(missing, std::string::npos) << log;
+    ASSERT_NE(continued, std::string::npos) << log;
+    EXPECT_LT(missing, continued);
+    // One header: the same log went on.
+    int headers = 0;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) headers += line.compare(23, 10, " [Joulix] ") == 0;
+    EXPECT_EQ(headers, 1);
 }
 
 TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItself) {
