@@ -39,12 +39,12 @@ public:
                 systemLogf(kLogError, "cannot create a wall-clock timer: %s", strerror(errno));
                 return;
             }
-            itimerspec spec{};
-            spec.it_value.tv_sec = seconds;
-            spec.it_value.tv_nsec = nanoseconds;
+            itimerspec when{};
+            when.it_value.tv_sec = seconds;
+            when.it_value.tv_nsec = nanoseconds;
             // A zero time would disarm the timer; the earliest real moment fires at once instead.
-            if (seconds <= 0 && nanoseconds <= 0) spec.it_value.tv_nsec = 1;
-            if (::timerfd_settime(fd.get(), TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
+            if (seconds <= 0 && nanoseconds <= 0) when.it_value.tv_nsec = 1;
+            if (::timerfd_settime(fd.get(), TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
                 systemLogf(kLogError, "cannot arm a wall-clock timer: %s", strerror(errno));
                 return;
             }
