@@ -1,7 +1,6 @@
 // The log file: its rolled name, the header of a new log, reading the header
 // back, opening, linking and closing.
 #include <fcntl.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -48,13 +47,6 @@ std::optional<std::string> decodeUTF8Prefix(const std::string& bytes) {
         i += len;
     }
     return bytes;
-}
-
-void chownToMobile(const std::string& path) {
-    if (struct passwd* pw = getpwnam("mobile")) {
-        int ignored = chown(path.c_str(), pw->pw_uid, pw->pw_gid);
-        (void)ignored;
-    }
 }
 
 JXValue stringOrNil(const std::optional<std::string>& s) {
@@ -112,7 +104,7 @@ void JoulixMain::createNewCurrentLogWithTimestamp(jx::Date timestamp) {
     }
     ::close(fd);
     setFileProtectionForPath(path, "creating log");
-    chownToMobile(path);
+    JXUtilities::chownToMobile(path);
 }
 
 bool JoulixMain::readLogFilePrefix(const std::string& path, std::string* buildVersion, jx::Date* logDate) {

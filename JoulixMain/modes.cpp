@@ -57,13 +57,7 @@ void JoulixMain::blackListTodayAsFullMode() {
         std::lock_guard lock(logTimestampFormatter_->monitor());
         now = logTimestampFormatter_->stringFromDate(jx::Date::now());
     }
-    std::vector<std::string> pieces;
-    for (std::size_t start = 0;;) {
-        std::size_t dash = now.find('-', start);
-        pieces.push_back(now.substr(start, dash == std::string::npos ? std::string::npos : dash - start));
-        if (dash == std::string::npos) break;
-        start = dash + 1;
-    }
+    std::vector<std::string> pieces = jx::componentsSeparatedBy(now, '-');
     if (pieces.size() >= 3) {
         jx::Value day(pieces[0] + "-" + pieces[1] + "-" + pieces[2]);
         std::erase(days, day);

@@ -17,16 +17,6 @@
 
 namespace {
 
-std::vector<std::string> splitOnBlank(const std::string& s) {
-    std::vector<std::string> words;
-    for (std::size_t start = 0;;) {
-        std::size_t blank = s.find(' ', start);
-        words.push_back(s.substr(start, blank == std::string::npos ? std::string::npos : blank - start));
-        if (blank == std::string::npos) return words;
-        start = blank + 1;
-    }
-}
-
 jx::Date toDate(UDate ms) { return jx::Date{ms / 1000.0}; }
 
 JXValue dateOrNil(const std::optional<jx::Date>& d) {
@@ -43,7 +33,7 @@ JoulixMain::RotationSetting JoulixMain::rotationSetting() {
     if (value.isNumber()) {
         setting.n = value.integerValue();
     } else if (const std::string* text = value.asString()) {
-        std::vector<std::string> words = splitOnBlank(*text);
+        std::vector<std::string> words = jx::componentsSeparatedBy(*text, ' ');
         setting.n = jx::integerValueOfString(words[0]);
         if (words.size() >= 2) {
             if (words[1] == "minute") setting.unit = RotationUnit::Minute;
@@ -227,7 +217,7 @@ std::int32_t JoulixMain::ComputeTimeFromNowFromDefaults(const jx::Value& value) 
     if (value.isNumber()) {
         n = value.integerValue();
     } else if (const std::string* text = value.asString()) {
-        std::vector<std::string> words = splitOnBlank(*text);
+        std::vector<std::string> words = jx::componentsSeparatedBy(*text, ' ');
         n = jx::integerValueOfString(words[0]);
         if (words.size() >= 2) {
             if (words[1] == "minute") unit = 60;

@@ -1,6 +1,5 @@
 #include "defaults/JXDefaults.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,18 +36,6 @@ ManagedCache& managedCache() {
 }
 
 bool sameUser(const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) == 0; }
-
-// Hands a file to the account "mobile"; without such an account the file keeps its owner.
-void chownToMobile(const std::string& path) {
-    struct passwd* pw = getpwnam(kJXDefaultsUser);
-    if (!pw) {
-        static std::once_flag said;
-        std::call_once(said, [] { jx::systemLog("no account \"mobile\": files keep their owner"); });
-        return;
-    }
-    int ignored = chown(path.c_str(), pw->pw_uid, pw->pw_gid);
-    (void)ignored;
-}
 
 }  // namespace
 
@@ -117,7 +104,7 @@ void JXDefaultsSetValueForKeyInDomain(const std::string& key, const jx::Value& v
     jx::PreferencesStore& store = jx::PreferencesStore::shared();
     store.setValue(key, value, domain, kJXDefaultsUser);
     store.synchronize(domain, kJXDefaultsUser);
-    chownToMobile(jx::preferencesPath(domain, kJXDefaultsUser));
+    JXUtilities::chownToMobile(jx::preferencesPath(domain, kJXDefaultsUser));
 }
 
 void JXDefaultsSetValueForKey(const std::string& key, const jx::Value& value) {

@@ -15,6 +15,7 @@
 #include "platform/JXLogger.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Root.h"
+#include "platform/SystemLog.h"
 
 namespace {
 std::mutex gMutex;
@@ -111,6 +112,17 @@ std::string JXUtilities::buildVersion() {
     std::replace(build.begin(), build.end(), ';', ',');
     std::replace(build.begin(), build.end(), '\n', ' ');
     return build;
+}
+
+void JXUtilities::chownToMobile(const std::string& path) {
+    struct passwd* pw = getpwnam("mobile");
+    if (!pw) {
+        static std::once_flag said;
+        std::call_once(said, [] { jx::systemLog("no account \"mobile\": files keep their owner"); });
+        return;
+    }
+    int ignored = chown(path.c_str(), pw->pw_uid, pw->pw_gid);
+    (void)ignored;
 }
 
 bool JXUtilities::internalBuild() {

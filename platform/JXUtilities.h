@@ -29,6 +29,9 @@ public:
     static std::string buildVersion();
     // The device's name (its host name).
     static std::string deviceName();
+    // Hands a file to the account "mobile"; without such an account the file keeps
+    // its owner and the system log says so once. The result of chown is not used.
+    static void chownToMobile(const std::string& path);
     // Whether this is an internal build: os-release's VARIANT_ID is "internal".
     static bool internalBuild();
 

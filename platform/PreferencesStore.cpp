@@ -96,7 +96,6 @@ bool FilePreferencesStore::synchronize(const std::string& domain, const std::str
     std::lock_guard lock(mutex_);
     Cached& c = files_[path];
     bool ok = writeOutLocked(path, c);
-    c.loaded = false;
     refreshLocked(path);
     return ok;
 }

@@ -92,6 +92,16 @@ std::string describeDateUTC(Date d) {
     return buf;
 }
 
+std::vector<std::string> componentsSeparatedBy(const std::string& text, char separator) {
+    std::vector<std::string> pieces;
+    for (std::size_t start = 0;;) {
+        std::size_t at = text.find(separator, start);
+        pieces.push_back(text.substr(start, at == std::string::npos ? std::string::npos : at - start));
+        if (at == std::string::npos) return pieces;
+        start = at + 1;
+    }
+}
+
 std::string shortestDouble(double d) {
     char buf[64];
     auto r = std::to_chars(buf, buf + sizeof buf, d);

@@ -85,6 +85,8 @@ private:
 std::int64_t integerValueOfString(const std::string& s);
 // Date as "%@" prints it: "yyyy-MM-dd HH:mm:ss +0000" (UTC).
 std::string describeDateUTC(jx::Date d);
+// The pieces of the text between separators; an empty text is one empty piece.
+std::vector<std::string> componentsSeparatedBy(const std::string& text, char separator);
 // Shortest text that reads back as the same double.
 std::string shortestDouble(double d);
 
