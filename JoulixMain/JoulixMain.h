@@ -13,6 +13,7 @@
 
 #include "platform/DateFormatter.h"
 #include "platform/JXEntry.h"
+#include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "platform/Value.h"
 
@@ -80,10 +81,12 @@ public:
 
     // Logger registry.
     void setupLoggers();
+    void addLoggerByName(const std::string& name);
     // Notifications, signals and triggers.
     void setupNotifications();
     void stopNotifications();
     void joulixExitRequested();
+    void logStatusRequestFired(const void* ignored);
     void triggerAllLoggers(const std::string& reason);
     // Log file: naming, header, opening and closing.
     std::string logFileNameForTimestamp(jx::Date date);
@@ -124,6 +127,7 @@ public:
     bool fileIsUnlockedAtPath(const std::string& path, const std::string& withIdentifier);
     void watchCrashReportDirectories(bool arm);
     void logFileCheck();
+    void logFileCheckFired(const jx::Notification& notification);
 
     // The shared timestamp formatter; every use holds its monitor.
     jx::DateFormatter& logTimestampFormatter() { return *logTimestampFormatter_; }
@@ -158,3 +162,15 @@ private:
 
 // The SIGUSR1 handler: with SIGUSR1, every logger logs now.
 void signalTrigger(int signalNumber);
+
+// The handlers of the system-wide notifications; the observer is the controller.
+void JoulixExitRequested(jx::SystemNotificationCenter* center, void* observer, const std::string& name,
+                         const void* object, const jx::Value& userInfo);
+void JoulixLogStatusRequested(jx::SystemNotificationCenter* center, void* observer, const std::string& name,
+                              const void* object, const jx::Value& userInfo);
+void HandleLockvaultUnlockedForFirstTime(jx::SystemNotificationCenter* center, void* observer,
+                                         const std::string& name, const void* object, const jx::Value& userInfo);
+
+// The logger names the controller sets up: the full static list and the core list.
+extern const char* const kJXStaticLoggerList[36];
+extern const char* const kJXCoreLoggerList[18];

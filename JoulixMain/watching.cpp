@@ -1,5 +1,6 @@
 // File protection, the lock-state gate, directory watching and the log-file check.
 #include "JoulixMain/JoulixMain.h"
+#include "platform/JXLogWriter.h"
 #include "platform/FileProtection.h"
 #include "platform/SystemLog.h"
 
@@ -34,3 +35,8 @@ bool JoulixMain::fileIsUnlockedAtPath(const std::string& path, const std::string
 // The directory watch and the log-file check arrive with the watching work.
 void JoulixMain::watchCrashReportDirectories(bool) {}
 void JoulixMain::logFileCheck() {}
+
+void JoulixMain::logFileCheckFired(const jx::Notification&) {
+    if (rotateDebugLogging_) JXLogWriter::sharedWriter().logDebug("Log-logFileCheckFired", " logFileCheckFired=fired;");
+    logFileCheck();
+}

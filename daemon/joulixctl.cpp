@@ -1,6 +1,9 @@
 // joulixctl: the control tool. Reads and writes the daemon's settings through the
-// same settings layer the daemon uses.
+// same settings layer the daemon uses, and steers a running daemon with
+// system-wide notifications.
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +13,8 @@
 #include <vector>
 
 #include "defaults/JXDefaults.h"
+#include "platform/NotificationCenter.h"
+#include "platform/NotificationNames.h"
 #include "platform/PreferencesStore.h"
 #include "platform/PropertyList.h"
 #include "platform/Root.h"
@@ -21,9 +26,18 @@ const char* const kUsage =
     "commands:\n"
     "  defaults read [KEY]                 print one setting, or every setting of the domain\n"
     "  defaults write KEY [TYPE] VALUE...  set a setting; TYPE is -string (default), -int,\n"
-    "                                      -float, -bool (YES/NO, true/false, 1/0) or -array\n"
+    "                                      -float, -bool (YES/NO, true/false, 1/0), -array or\n"
+    "                                      -dict (KEY VALUE pairs: a logger's own settings,\n"
+    "                                      e.g. defaults write JXThermalLogger -dict Enabled NO)\n"
     "  defaults delete KEY                 remove a setting\n"
-    "The domain is com.brindle.joulix unless --domain names another.\n";
+    "  exit                                ask the daemon to exit\n"
+    "  status                              make every logger of the daemon log now\n"
+    "  unlock                              announce the device's first unlock\n"
+    "  post NAME                           post any system-wide notification\n"
+    "  wait NAME [--timeout S]             wait for a system-wide notification; status 1\n"
+    "                                      when S seconds pass first (default: no limit)\n"
+    "The domain is com.brindle.joulix unless --domain names another. Notifications go over\n"
+    "the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured).\n";
 
 int usageError(const char* why) {
     std::fprintf(stderr, "joulixctl: %s\n%s", why, kUsage);
@@ -92,8 +106,8 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
         first = 2;
     }
     std::vector<std::string> values(args.begin() + static_cast<long>(first), args.end());
-    if (type != "-array" && values.size() != 1)
-        return usageError(values.empty() ? "defaults write needs a value" : "only -array takes several values");
+    if (type != "-array" && type != "-dict" && values.size() != 1)
+        return usageError(values.empty() ? "defaults write needs a value" : "only -array and -dict take several values");
 
     std::optional<jx::Value> value;
     if (type == "-string") value = jx::Value(values[0]);
@@ -104,6 +118,11 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
         jx::Array a;
         for (auto& s : values) a.emplace_back(s);
         value = jx::Value(a);
+    } else if (type == "-dict") {
+        if (values.empty() || values.size() % 2 != 0) return usageError("-dict takes KEY VALUE pairs");
+        jx::Dictionary d;
+        for (std::size_t k = 0; k < values.size(); k += 2) d[values[k]] = jx::Value(values[k + 1]);
+        value = jx::Value(d);
     } else {
         std::fprintf(stderr, "joulixctl: unknown value type '%s'\n", type.c_str());
         return 2;
@@ -131,6 +150,63 @@ int defaultsDelete(const std::string& domain, const std::vector<std::string>& ar
         return 1;
     }
     JXDefaultsSetValueForKeyInDomain(args[0], jx::Value(), domain);
+    return 0;
+}
+
+int postCommand(const std::string& name) {
+    if (!jx::SystemNotificationCenter::shared().post(name)) {
+        std::fprintf(stderr, "joulixctl: could not post %s\n", name.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+int waitCommand(const std::vector<std::string>& args) {
+    std::string name;
+    double timeout = -1;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--timeout") {
+            std::optional<jx::Value> v = i + 1 < args.size() ? parseReal(args[i + 1]) : std::nullopt;
+            if (!v || v->doubleValue() < 0) return usageError("--timeout needs a number of seconds");
+            timeout = v->doubleValue();
+            ++i;
+        } else if (name.empty()) {
+            name = args[i];
+        } else {
+            return usageError("wait takes one name");
+        }
+    }
+    if (name.empty()) return usageError("wait needs a notification name");
+
+    bool arrived = false;
+    std::shared_ptr<jx::RunLoop> loop = jx::RunLoop::current();
+    auto& center = jx::SystemNotificationCenter::shared();
+    if (!center.addObserver(&arrived, name, [](jx::SystemNotificationCenter*, void* flag, const std::string&, const void*,
+                                               const jx::Value&) { *static_cast<bool*>(flag) = true; })) {
+        std::fprintf(stderr, "joulixctl: cannot observe %s: no system bus\n", name.c_str());
+        return 1;
+    }
+    // Said once the bus delivers the name to us: a script may start the poster now.
+    std::printf("waiting for %s\n", name.c_str());
+    std::fflush(stdout);
+
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
+    while (!arrived) {
+        int ms = -1;
+        if (timeout >= 0) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            if (left <= 0) break;
+            ms = static_cast<int>(std::min<long long>(left, 1 << 30));
+        }
+        if (loop->runUntilSourceHandled(ms) == jx::RunLoop::Result::Finished) break;
+    }
+    center.removeObserver(&arrived, name);
+    if (!arrived) {
+        std::fprintf(stderr, "joulixctl: %s did not arrive within %g s\n", name.c_str(), timeout);
+        return 1;
+    }
+    std::printf("received %s\n", name.c_str());
     return 0;
 }
 
@@ -162,5 +238,17 @@ int main(int argc, char** argv) {
         if (verb == "delete") return defaultsDelete(domain, rest);
         return usageError(("unknown defaults command " + verb).c_str());
     }
+    std::vector<std::string> rest(args.begin() + static_cast<long>(i), args.end());
+    if (command == "exit" || command == "status" || command == "unlock") {
+        if (!rest.empty()) return usageError((command + " takes no arguments").c_str());
+        if (command == "exit") return postCommand(JXExitRequest);
+        if (command == "status") return postCommand(JXLogStateRequest);
+        return postCommand(JXFirstUnlockNotification);
+    }
+    if (command == "post") {
+        if (rest.size() != 1 || rest[0].empty()) return usageError("post takes one notification name");
+        return postCommand(rest[0]);
+    }
+    if (command == "wait") return waitCommand(rest);
     return usageError(("unknown command " + command).c_str());
 }

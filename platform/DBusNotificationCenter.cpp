@@ -1,10 +1,17 @@
 // The system-wide centre over D-Bus: a notification is the signal Post(s name) on
 // interface com.brindle.Notify, path /com/brindle/Notify, on the system bus.
+//
+// Posting and observing use two connections: posts come from any thread, while
+// the observing connection belongs to one run loop, whose thread reads it and
+// calls the observers. The bus filters by name (one match rule per observed
+// name), so a process is not woken by notifications it does not observe.
 #include <systemd/sd-bus.h>
 
 #include <atomic>
 #include <cstring>
+#include <map>
 #include <mutex>
+#include <vector>
 
 #include "platform/NotificationCenter.h"
 #include "platform/SystemLog.h"
@@ -12,45 +19,186 @@
 namespace jx {
 namespace {
 
+constexpr const char* kPath = "/com/brindle/Notify";
+constexpr const char* kInterface = "com.brindle.Notify";
+constexpr const char* kMember = "Post";
+
 struct BusDeleter {
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
+using Bus = std::unique_ptr<sd_bus, BusDeleter>;
+
+struct SlotDeleter {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
+
+// Said once per process: a device without a bus runs on without system-wide notifications.
+std::atomic<bool> gSaidNoBus{false};
+
+Bus openSystemBus() {
+    sd_bus* bus = nullptr;
+    int r = sd_bus_open_system(&bus);
+    if (r < 0) {
+        if (!gSaidNoBus.exchange(true))
+            systemLogf(kLogNotice, "no system bus (%s): system-wide notifications are off", strerror(-r));
+        return nullptr;
+    }
+    return Bus(bus);
+}
+
+// A match rule for the Post signal carrying one name. A name that cannot be
+// quoted in a rule is matched by the signal alone and filtered on arrival.
+std::string matchRule(const std::string& name) {
+    std::string rule = std::string("type='signal',path='") + kPath + "',interface='" + kInterface + "',member='" + kMember + "'";
+    if (name.find_first_of("'\\,") == std::string::npos) rule += ",arg0='" + name + "'";
+    return rule;
+}
 
 class DBusSystemCenter : public SystemNotificationCenter {
 public:
     bool post(const std::string& name) override {
-        std::lock_guard lock(mutex_);
-        if (!bus_ && !connectLocked()) return false;
-        int r = sd_bus_emit_signal(bus_.get(), "/com/brindle/Notify", "com.brindle.Notify", "Post", "s",
-                                   name.c_str());
-        if (r >= 0) r = sd_bus_flush(bus_.get());
-        if (r < 0) {
-            systemLogf(kLogError, "could not post %s on the system bus: %s", name.c_str(), strerror(-r));
-            bus_.reset();  // the bus went away; connect afresh next time
-            return false;
+        std::lock_guard lock(postMutex_);
+        // A connection kept from earlier may belong to a bus that has gone since
+        // (restarted): then one fresh connection is tried before giving up.
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            const bool fresh = !postBus_;
+            if (fresh && !(postBus_ = openSystemBus())) return false;
+            int r = sd_bus_emit_signal(postBus_.get(), kPath, kInterface, kMember, "s", name.c_str());
+            if (r >= 0) r = sd_bus_flush(postBus_.get());
+            if (r >= 0) return true;
+            postBus_.reset();
+            if (fresh) {
+                systemLogf(kLogError, "could not post %s on the system bus: %s", name.c_str(), strerror(-r));
+                return false;
+            }
         }
+        return false;
+    }
+
+    bool addObserver(void* observer, const std::string& name, Callback callback, SuspensionBehavior,
+                     std::shared_ptr<RunLoop> loop) override {
+        if (!loop) loop = RunLoop::current();
+        std::lock_guard lock(mutex_);
+        if (!bus_) {
+            bus_ = openSystemBus();
+            if (!bus_) return false;
+            home_ = loop;
+            source_ = home_->addSource(sd_bus_get_fd(bus_.get()), [this] { serve(); });
+        }
+        if (!matches_.count(name)) {
+            sd_bus_slot* slot = nullptr;
+            // Synchronous: once it returns the bus delivers the name to us.
+            int r = sd_bus_add_match(bus_.get(), &slot, matchRule(name).c_str(), onSignal, this);
+            if (r < 0) {
+                systemLogf(kLogError, "could not observe %s on the system bus: %s", name.c_str(), strerror(-r));
+                if (observers_.empty()) closeLocked();
+                return false;
+            }
+            matches_[name] = Slot(slot);
+        }
+        observers_.push_back(Observer{nextId_++, observer, name, std::make_shared<Callback>(std::move(callback)), loop});
+        // The synchronous call may have read messages off the socket already; they
+        // wait in the connection, not in the socket, so nothing would wake the loop.
+        home_->perform([this] { serve(); });
         return true;
+    }
+
+    void removeObserver(void* observer, const std::string& name) override {
+        std::lock_guard lock(mutex_);
+        std::erase_if(observers_, [&](const Observer& o) { return o.observer == observer && o.name == name; });
+        bool stillObserved = false;
+        for (auto& o : observers_) stillObserved |= o.name == name;
+        if (!stillObserved && matches_.erase(name) && bus_) sd_bus_flush(bus_.get());
+        if (observers_.empty()) closeLocked();
     }
 
 private:
-    bool connectLocked() {
-        sd_bus* bus = nullptr;
-        int r = sd_bus_open_system(&bus);
-        if (r < 0) {
-            // Said once: a device without a bus runs on without system-wide notifications.
-            if (!saidNoBus_) {
-                systemLogf(kLogNotice, "no system bus (%s): system-wide notifications are off", strerror(-r));
-                saidNoBus_ = true;
-            }
-            return false;
-        }
-        bus_.reset(bus);
-        return true;
+    struct Observer {
+        std::uint64_t id;
+        void* observer;
+        std::string name;
+        std::shared_ptr<Callback> callback;
+        std::shared_ptr<RunLoop> loop;
+    };
+
+    static int onSignal(sd_bus_message* m, void* userdata, sd_bus_error*) {
+        const char* name = nullptr;
+        if (sd_bus_message_read(m, "s", &name) >= 0 && name)
+            static_cast<DBusSystemCenter*>(userdata)->received_.emplace_back(name);
+        return 0;
     }
 
+    // On the home loop's thread: reads what the bus has, then calls the observers
+    // without holding the lock, so that a callback may add or remove observers.
+    void serve() {
+        std::vector<std::string> names;
+        {
+            std::lock_guard lock(mutex_);
+            if (!bus_) return;
+            for (;;) {
+                int r = sd_bus_process(bus_.get(), nullptr);
+                if (r < 0) {
+                    systemLogf(kLogError, "lost the system bus (%s): system-wide notifications are off", strerror(-r));
+                    observers_.clear();
+                    closeLocked();
+                    break;
+                }
+                if (r == 0) break;
+            }
+            names.swap(received_);
+        }
+        for (const std::string& name : names) deliver(name);
+    }
+
+    void deliver(const std::string& name) {
+        std::vector<Observer> targets;
+        std::shared_ptr<RunLoop> home;
+        {
+            std::lock_guard lock(mutex_);
+            home = home_;
+            for (auto& o : observers_)
+                if (o.name == name) targets.push_back(o);
+        }
+        for (Observer& o : targets) {
+            auto call = [this, o, name] {
+                // An observer removed by an earlier callback is not called.
+                if (!registered(o.id)) return;
+                (*o.callback)(this, o.observer, name, nullptr, Value());
+            };
+            if (o.loop == home || !o.loop) call();
+            else o.loop->perform(call);
+        }
+    }
+
+    bool registered(std::uint64_t id) {
+        std::lock_guard lock(mutex_);
+        for (auto& o : observers_)
+            if (o.id == id) return true;
+        return false;
+    }
+
+    void closeLocked() {
+        if (home_ && source_) home_->removeSource(source_);
+        matches_.clear();
+        bus_.reset();
+        home_.reset();
+        source_ = 0;
+        received_.clear();
+    }
+
+    std::mutex postMutex_;
+    Bus postBus_;
+
     std::mutex mutex_;
-    std::unique_ptr<sd_bus, BusDeleter> bus_;
-    bool saidNoBus_ = false;
+    Bus bus_;
+    // Declared after the bus, so that the match slots go first.
+    std::map<std::string, Slot> matches_;
+    std::shared_ptr<RunLoop> home_;
+    RunLoop::SourceId source_ = 0;
+    std::vector<Observer> observers_;
+    std::vector<std::string> received_;
+    std::uint64_t nextId_ = 1;
 };
 
 std::atomic<SystemNotificationCenter*> gOverride{nullptr};
@@ -59,8 +207,9 @@ std::atomic<SystemNotificationCenter*> gOverride{nullptr};
 
 SystemNotificationCenter& SystemNotificationCenter::shared() {
     if (SystemNotificationCenter* c = gOverride.load()) return *c;
-    static DBusSystemCenter center;
-    return center;
+    // Never destroyed: the run loop that serves it may outlive static destruction.
+    static DBusSystemCenter* center = new DBusSystemCenter;
+    return *center;
 }
 
 void SystemNotificationCenter::setShared(SystemNotificationCenter* center) { gOverride.store(center); }

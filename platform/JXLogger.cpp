@@ -1,10 +1,58 @@
 #include "platform/JXLogger.h"
 
-JXLogger::JXLogger(std::string name) : name_(std::move(name)), queue_("com.brindle.joulix." + name_) {}
+#include <map>
+#include <mutex>
+
+#include "platform/JXUtilities.h"
+#include "platform/PreferencesStore.h"
+
+namespace {
+
+// The daemon's domain and the account whose settings these are.
+const char* const kDomain = "com.brindle.joulix";
+const char* const kUser = "mobile";
+
+std::mutex gDefaultsMutex;
+std::map<std::string, jx::Dictionary>& registeredDefaults() {
+    static auto* defaults = new std::map<std::string, jx::Dictionary>;
+    return *defaults;
+}
+
+}  // namespace
+
+JXLogger::JXLogger(std::string name)
+    : name_(std::move(name)), queue_(JXUtilities::getQueueForLoggerNamed(name_)) {}
 
 JXLogger::~JXLogger() = default;
 
 void JXLogger::log() {
     logSample();
     haveLogged_.store(true);
+}
+
+jx::Value JXLogger::settingForKey(const std::string& key, const std::string& forLoggerNamed) {
+    // The store notices a file changed by another process, so a setting written
+    // while the daemon runs is seen here without a synchronise.
+    jx::Value stored = jx::PreferencesStore::shared().copyValue(forLoggerNamed, kDomain, kUser);
+    if (stored.isDictionary()) {
+        jx::Value v = stored.objectForKey(key);
+        if (!v.isNil()) return v;
+    }
+    std::lock_guard lock(gDefaultsMutex);
+    auto& defaults = registeredDefaults();
+    auto it = defaults.find(forLoggerNamed);
+    if (it == defaults.end()) return {};
+    auto d = it->second.find(key);
+    return d == it->second.end() ? jx::Value() : d->second;
+}
+
+bool JXLogger::loggerEnabledWithName(const std::string& name) {
+    jx::Value v = settingForKey("Enabled", name);
+    return v.isNil() ? true : v.boolValue();
+}
+
+void JXLogger::setDefault(const jx::Value& value, const std::string& forKey, const std::string& forLoggerNamed) {
+    std::lock_guard lock(gDefaultsMutex);
+    if (value.isNil()) registeredDefaults()[forLoggerNamed].erase(forKey);
+    else registeredDefaults()[forLoggerNamed][forKey] = value;
 }

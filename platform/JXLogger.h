@@ -8,6 +8,7 @@
 
 #include "platform/JXValue.h"
 #include "platform/SerialQueue.h"
+#include "platform/Value.h"
 
 class JXLogger : public JXObject, public std::enable_shared_from_this<JXLogger> {
 public:
@@ -15,7 +16,7 @@ public:
     ~JXLogger() override;
 
     const std::string& name() const { return name_; }
-    // The logger's own serial queue, on which its log calls run.
+    // The logger's own serial queue (one per logger name), on which its log calls run.
     jx::SerialQueue& loggerSerialQueue() { return queue_; }
 
     // Takes and writes one sample now.
@@ -28,13 +29,21 @@ public:
 
     std::string description() const override { return "<" + name_ + ">"; }
 
+    // Per-logger settings live in the daemon's domain under the logger's name, as a
+    // dictionary ({"Enabled": NO}). A key absent there takes the default registered
+    // for it; a logger with neither is enabled.
+    static bool loggerEnabledWithName(const std::string& name);
+    static void setDefault(const jx::Value& value, const std::string& forKey, const std::string& forLoggerNamed);
+    // A per-logger setting: the stored value, else the registered default, else nil.
+    static jx::Value settingForKey(const std::string& key, const std::string& forLoggerNamed);
+
 protected:
     // What one sample writes; each logger supplies its own.
     virtual void logSample() = 0;
 
 private:
     std::string name_;
-    jx::SerialQueue queue_;
+    jx::SerialQueue& queue_;
     std::atomic<bool> haveLogged_{false};
     std::atomic<bool> isNewLog_{false};
 };

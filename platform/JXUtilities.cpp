@@ -8,11 +8,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <random>
 
 #include "platform/JXEntry.h"
 #include "platform/JXLogger.h"
+#include "platform/JXLoggerClass.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Root.h"
 #include "platform/SystemLog.h"
@@ -151,6 +153,21 @@ jx::SerialQueue& JXUtilities::loggerListDispatchQueue() {
 
 jx::SerialQueue& JXUtilities::mainQueue() {
     static jx::SerialQueue* q = new jx::SerialQueue("com.brindle.joulix.main");
+    return *q;
+}
+
+jx::SerialQueue& JXUtilities::getQueueForLogger(const JXLoggerClass& loggerClass) {
+    return getQueueForLoggerNamed(loggerClass.name());
+}
+
+jx::SerialQueue& JXUtilities::getQueueForLoggerNamed(const std::string& name) {
+    // Never destroyed, like the other shared queues: a logger may still be logging
+    // on its queue while the process ends.
+    static std::mutex* mutex = new std::mutex;
+    static auto* queues = new std::map<std::string, std::unique_ptr<jx::SerialQueue>>;
+    std::lock_guard lock(*mutex);
+    auto& q = (*queues)[name];
+    if (!q) q = std::make_unique<jx::SerialQueue>("com.brindle.joulix.logger." + name);
     return *q;
 }
 

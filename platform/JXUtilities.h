@@ -15,6 +15,7 @@
 
 class JXEntry;
 class JXLogger;
+class JXLoggerClass;
 
 class JXUtilities {
 public:
@@ -41,6 +42,10 @@ public:
     static jx::SerialQueue& loggerListDispatchQueue();
     // The main queue, on which the rollover timer fires.
     static jx::SerialQueue& mainQueue();
+    // The serial queue of a logger class: the logger is made on it and logs on it.
+    // One per logger name, for the life of the process.
+    static jx::SerialQueue& getQueueForLogger(const JXLoggerClass& loggerClass);
+    static jx::SerialQueue& getQueueForLoggerNamed(const std::string& name);
 
     // The run thread's run loop and thread, recorded for everybody.
     static void setSharedJXRunLoop(std::shared_ptr<jx::RunLoop> loop);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/RunLoop.h"
 #include "platform/Value.h"
 
 namespace jx {
@@ -44,9 +45,24 @@ private:
 // The system-wide centre. Posting reaches every process that observes the name.
 class SystemNotificationCenter {
 public:
+    // The observer's callback: the centre, the observer as registered, the name,
+    // and the object and user information (none travel between processes).
+    using Callback = std::function<void(SystemNotificationCenter* center, void* observer, const std::string& name,
+                                        const void* object, const Value& userInfo)>;
+    // What happens to a notification while the observing process is suspended.
+    // Linux does not suspend daemons, so both deliver; the choice is kept for callers.
+    enum class SuspensionBehavior { Drop, DeliverImmediately };
+
     virtual ~SystemNotificationCenter() = default;
     // Answers whether the notification left this process.
     virtual bool post(const std::string& name) = 0;
+    // Observes a name. The callback runs on the thread of loop (by default the
+    // calling thread's run loop), when that loop runs. The observation is in
+    // place when the call returns; answers NO when there is no bus.
+    virtual bool addObserver(void* observer, const std::string& name, Callback callback,
+                             SuspensionBehavior behavior = SuspensionBehavior::DeliverImmediately,
+                             std::shared_ptr<RunLoop> loop = nullptr) = 0;
+    virtual void removeObserver(void* observer, const std::string& name) = 0;
 
     static SystemNotificationCenter& shared();
     // Tests put in a double (not owned; nullptr restores the real one).

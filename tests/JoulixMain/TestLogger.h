@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -10,6 +11,7 @@
 #include "JoulixMain/JoulixMain.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLogger.h"
+#include "platform/JXLoggerClass.h"
 
 class CountingLogger : public JXLogger {
 public:
@@ -51,3 +53,50 @@ inline std::shared_ptr<CountingLogger> registerLogger(JoulixMain& controller, co
     controller.loggerList()->setObject(JXValue::valueWithObject(logger), name);
     return logger;
 }
+
+// The shared writer pointed at a temporary file for the object's life.
+class WrittenLog {
+public:
+    WrittenLog() : file_(std::tmpfile()) {
+        JXLogWriter::sharedWriter().setLogFile(file_);
+        JXLogWriter::sharedWriter().setLogFileEnabled(true);
+    }
+    ~WrittenLog() {
+        JXLogWriter::sharedWriter().setLogFile(nullptr);
+        std::fclose(file_);
+    }
+    // Everything written so far.
+    std::string text() {
+        JXLogWriter::sharedWriter().blockOnWriteEntries();
+        std::fflush(file_);
+        std::string out;
+        std::rewind(file_);
+        char buf[4096];
+        for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, file_)) > 0;) out.append(buf, n);
+        std::fseek(file_, 0, SEEK_END);
+        return out;
+    }
+    std::size_t count(const std::string& text) {
+        std::string all = this->text();
+        std::size_t n = 0;
+        for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++n;
+        return n;
+    }
+
+private:
+    FILE* file_;
+};
+
+// A logger class registered in the process for the object's life.
+class ScopedLoggerClass {
+public:
+    ScopedLoggerClass(const std::string& name, JXLoggerClass::Factory make) : class_(name, std::move(make)) {
+        JXClassRegistry::registerClass(&class_);
+    }
+    explicit ScopedLoggerClass(const std::string& name)
+        : ScopedLoggerClass(name, [name] { return std::make_shared<CountingLogger>(name); }) {}
+    ~ScopedLoggerClass() { JXClassRegistry::removeClass(&class_); }
+
+private:
+    JXLoggerClass class_;
+};

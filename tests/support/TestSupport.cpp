@@ -1,5 +1,10 @@
 #include "tests/support/TestSupport.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -69,6 +74,13 @@ std::size_t LogCapture::count(const std::string& text) const {
     return n;
 }
 
+std::size_t LogCapture::countContaining(const std::string& text) const {
+    std::lock_guard lock(mutex_);
+    std::size_t n = 0;
+    for (auto& e : entries_) n += e.second.find(text) != std::string::npos;
+    return n;
+}
+
 FakeClock::FakeClock() { jx::Clock::setCurrent(this); }
 FakeClock::~FakeClock() { jx::Clock::setCurrent(nullptr); }
 
@@ -105,9 +117,45 @@ RecordingSystemCenter::RecordingSystemCenter() { jx::SystemNotificationCenter::s
 RecordingSystemCenter::~RecordingSystemCenter() { jx::SystemNotificationCenter::setShared(nullptr); }
 
 bool RecordingSystemCenter::post(const std::string& name) {
-    std::lock_guard lock(mutex_);
-    posted_.push_back(name);
+    std::vector<Observer> targets;
+    {
+        std::lock_guard lock(mutex_);
+        posted_.push_back(name);
+        for (auto& o : observers_)
+            if (o.name == name) targets.push_back(o);
+    }
+    for (auto& o : targets) {
+        o.loop->perform([this, o, name] {
+            {
+                std::lock_guard lock(mutex_);
+                bool still = false;
+                for (auto& r : observers_) still |= r.observer == o.observer && r.name == name;
+                if (!still) return;
+            }
+            (*o.callback)(this, o.observer, name, nullptr, jx::Value());
+        });
+    }
     return true;
+}
+
+bool RecordingSystemCenter::addObserver(void* observer, const std::string& name, Callback callback,
+                                        SuspensionBehavior, std::shared_ptr<jx::RunLoop> loop) {
+    std::lock_guard lock(mutex_);
+    observers_.push_back({observer, name, std::make_shared<Callback>(std::move(callback)),
+                          loop ? loop : jx::RunLoop::current()});
+    return true;
+}
+
+void RecordingSystemCenter::removeObserver(void* observer, const std::string& name) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(observers_, [&](const Observer& o) { return o.observer == observer && o.name == name; });
+}
+
+std::vector<std::string> RecordingSystemCenter::observed() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> names;
+    for (auto& o : observers_) names.push_back(o.name);
+    return names;
 }
 
 std::vector<std::string> RecordingSystemCenter::posted() const {
@@ -122,6 +170,43 @@ bool waitFor(const std::function<bool()>& condition, double seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+}  // namespace jxtest
+
+namespace jxtest {
+
+PrivateBus::PrivateBus() {
+    if (access("/usr/bin/dbus-daemon", X_OK) != 0) return;
+    char pattern[] = "/tmp/joulix-bus-XXXXXX";
+    if (!mkdtemp(pattern)) return;
+    dir_ = pattern;
+    std::string socket = dir_ + "/bus";
+    std::string listen = "--address=unix:path=" + socket;
+    pid_ = fork();
+    if (pid_ == 0) {
+        int null = open("/dev/null", O_RDWR);
+        dup2(null, 1);
+        dup2(null, 2);
+        execl("/usr/bin/dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", listen.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (pid_ < 0 || !waitFor([&] { return access(socket.c_str(), F_OK) == 0; })) return;
+    address_ = "unix:path=" + socket;
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+}
+
+PrivateBus::~PrivateBus() {
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+    if (!dir_.empty()) {
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
 }
 
 }  // namespace jxtest

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <mutex>
 #include <string>
@@ -38,6 +39,8 @@ public:
     std::vector<std::pair<int, std::string>> entries() const;
     bool contains(const std::string& text) const;
     std::size_t count(const std::string& text) const;
+    // Messages that contain the text.
+    std::size_t countContaining(const std::string& text) const;
 
 private:
     mutable std::mutex mutex_;
@@ -60,16 +63,48 @@ private:
     std::vector<std::uint64_t> sleeps_;
 };
 
+// Records posts and delivers them, in this process only, to the observers of the
+// name through each observer's run loop, as the bus would.
 class RecordingSystemCenter : public jx::SystemNotificationCenter {
 public:
     RecordingSystemCenter();
     ~RecordingSystemCenter() override;
     bool post(const std::string& name) override;
+    bool addObserver(void* observer, const std::string& name, Callback callback, SuspensionBehavior behavior,
+                     std::shared_ptr<jx::RunLoop> loop) override;
+    void removeObserver(void* observer, const std::string& name) override;
     std::vector<std::string> posted() const;
+    // The names observed now, one per observation.
+    std::vector<std::string> observed() const;
 
 private:
+    struct Observer {
+        void* observer;
+        std::string name;
+        std::shared_ptr<Callback> callback;
+        std::shared_ptr<jx::RunLoop> loop;
+    };
     mutable std::mutex mutex_;
     std::vector<std::string> posted_;
+    std::vector<Observer> observers_;
+};
+
+// A private dbus-daemon (session configuration) that is the system bus of this
+// process and of the processes it starts, for the object's life.
+class PrivateBus {
+public:
+    PrivateBus();
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+    // NO when dbus-daemon is not installed or did not start: the test should skip.
+    bool available() const { return !address_.empty(); }
+    const std::string& address() const { return address_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string dir_;
+    std::string address_;
 };
 
 // Waits (with a deadline, polling a condition) — for tests of asynchronous work.

@@ -1,0 +1,139 @@
+// The running daemon steered from outside: system-wide notifications posted by
+// joulixctl over a private bus, and SIGUSR1.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tests/integration/Process.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using jxtest::Process;
+using jxtest::binary;
+using jxtest::waitFor;
+
+const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+class ControlTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!bus.available()) GTEST_SKIP() << "dbus-daemon is not installed";
+        env["DBUS_SYSTEM_BUS_ADDRESS"] = bus.address();
+        // A bundle logger under a name of the static list, so the daemon loads it.
+        std::string dir = root("/System/Library/JoulixPlugins");
+        fs::create_directories(dir);
+        chmod(dir.c_str(), 0755);
+        fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", dir + "/JXThermalLogger.bundle");
+        chmod((dir + "/JXThermalLogger.bundle").c_str(), 0644);
+    }
+    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
+
+    std::unique_ptr<Process> startCtl(std::vector<std::string> args) {
+        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
+        return std::make_unique<Process>(args, out("ctl"), env);
+    }
+    int ctl(std::vector<std::string> args) {
+        auto p = startCtl(std::move(args));
+        return p->wait().value_or(-1);
+    }
+
+    // Starts the daemon and returns once it has said, on the bus, that it is set up.
+    std::unique_ptr<Process> startDaemon() {
+        auto waiter = startCtl({"wait", "com.brindle.joulix.StateChanged", "--timeout", "30"});
+        EXPECT_TRUE(waitFor([&] { return waiter->out().find("waiting for") != std::string::npos; })) << waiter->err();
+        auto daemon = std::make_unique<Process>(
+            std::vector<std::string>{binary("joulix"), "--root", root.path(), "--log-stderr"}, out("joulix"), env);
+        EXPECT_EQ(waiter->wait(), 0) << waiter->err() << daemon->err();
+        return daemon;
+    }
+    std::string logText() { return root.readFile(kLog); }
+    bool logShows(const std::string& what, std::size_t times = 1) {
+        return waitFor([&] { return occurrences(logText(), what) >= times; });
+    }
+
+    jxtest::TestRoot root;
+    jxtest::PrivateBus bus;
+    std::map<std::string, std::string> env;
+    int runs = 0;
+};
+
+TEST_F(ControlTest, StatusAndSignalEachMakeEveryLoggerLogOnceMore) {
+    auto daemon = startDaemon();
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;")) << logText();
+    std::string text = logText();
+    // The header, then the booting state ahead of everything else.
+    auto second = text.substr(text.find('\n') + 1);
+    EXPECT_NE(second.substr(0, second.find('\n')).find("[Log] state=booting;"), std::string::npos) << text;
+
+    ASSERT_EQ(ctl({"status"}), 0);
+    ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
+    ASSERT_TRUE(logShows("[TestBundle] sample=2;"));
+    daemon->signal(SIGUSR1);
+    ASSERT_TRUE(logShows("[Log] state=signal(10);"));
+    ASSERT_TRUE(logShows("[TestBundle] sample=3;"));
+    // The logger's queue is serial: a second sample for either trigger would be here by now.
+    EXPECT_EQ(occurrences(logText(), "[TestBundle]"), 3u) << logText();
+    EXPECT_NE(daemon->err().find("Received signal(statusRequested), calling log on all loggers"), std::string::npos);
+    EXPECT_NE(daemon->err().find("Received signal(signal(10)), calling log on all loggers"), std::string::npos);
+
+    ASSERT_EQ(ctl({"exit"}), 0);
+    EXPECT_EQ(daemon->wait(), 0) << daemon->err();
+}
+
+TEST_F(ControlTest, ExitStopsTheDaemonWithoutWaitingForABusyLogger) {
+    auto daemon = startDaemon();
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    // From now on each sample of the test logger takes a minute.
+    ASSERT_EQ(ctl({"defaults", "write", "JXTestBundleLogger", "-dict", "SampleDelay", "60"}), 0);
+    ASSERT_EQ(ctl({"status"}), 0);
+    ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
+    ASSERT_EQ(ctl({"exit"}), 0);
+    EXPECT_EQ(daemon->wait(10), 0) << daemon->err();
+}
+
+TEST_F(ControlTest, UnlockReopensTheLogAndRecordsIt) {
+    auto daemon = startDaemon();
+    ASSERT_EQ(ctl({"unlock"}), 0);
+    ASSERT_TRUE(logShows("[Log] state=File Unlocked;")) << logText();
+    EXPECT_TRUE(waitFor([&] { return daemon->err().find("lockvault unlocked!") != std::string::npos; }));
+    ASSERT_EQ(ctl({"exit"}), 0);
+    EXPECT_EQ(daemon->wait(), 0);
+}
+
+TEST_F(ControlTest, AFloodOfSignalsLeavesTheDaemonAnswering) {
+    auto daemon = startDaemon();
+    for (int i = 0; i < 10000; ++i) daemon->signal(SIGUSR1);
+    ASSERT_TRUE(logShows("[Log] state=signal(10);"));
+    ASSERT_EQ(ctl({"status"}), 0);
+    ASSERT_TRUE(logShows("[Log] state=statusRequested;", 1)) << daemon->err().substr(0, 2000);
+    ASSERT_EQ(ctl({"exit"}), 0);
+    EXPECT_EQ(daemon->wait(60), 0) << daemon->err().substr(0, 2000);
+}
+
+TEST_F(ControlTest, WaitAndPostBetweenTwoTools) {
+    auto waiter = startCtl({"wait", "com.example.Ping"});
+    ASSERT_TRUE(waitFor([&] { return waiter->out().find("waiting for com.example.Ping") != std::string::npos; }));
+    ASSERT_EQ(ctl({"post", "com.example.Ping"}), 0);
+    EXPECT_EQ(waiter->wait(), 0);
+    EXPECT_NE(waiter->out().find("received com.example.Ping"), std::string::npos);
+
+    EXPECT_EQ(ctl({"wait", "com.example.Never", "--timeout", "0.2"}), 1);
+    for (std::vector<std::string> bad : {std::vector<std::string>{"wait"}, {"wait", "a", "b"}, {"wait", "a", "--timeout", "x"},
+                                         {"post"}, {"exit", "now"}})
+        EXPECT_EQ(ctl(bad), 2) << bad[0];
+
+    env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent/joulix-bus";
+    EXPECT_EQ(ctl({"post", "com.example.Ping"}), 1);
+    EXPECT_EQ(ctl({"wait", "com.example.Ping", "--timeout", "1"}), 1);
+}
+
+}  // namespace

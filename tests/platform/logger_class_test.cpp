@@ -1,0 +1,145 @@
+// Logger classes, per-logger settings and bundle loading with its trust rules.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "platform/JXLogger.h"
+#include "platform/JXLoggerClass.h"
+#include "platform/JXUtilities.h"
+#include "platform/PropertyList.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class QuietLogger : public JXLogger {
+public:
+    explicit QuietLogger(std::string name) : JXLogger(std::move(name)) {}
+
+protected:
+    void logSample() override {}
+};
+
+void writeLoggerSettings(const jxtest::TestRoot& root, const jx::Dictionary& settings) {
+    fs::create_directories(root("/var/mobile/Library/Preferences"));
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(root("/var/mobile/Library/Preferences/com.brindle.joulix.plist"),
+                                                    jx::Value(settings)));
+}
+
+TEST(JXLoggerSettings, StoredSettingThenRegisteredDefaultThenEnabled) {
+    jxtest::TestRoot root;
+    JXLogger::setDefault(jx::Value(false), "Enabled", "JXTestDefaultedLogger");
+    JXLogger::setDefault(jx::Value(false), "Enabled", "JXTestOverriddenLogger");
+    writeLoggerSettings(root, {
+        {"JXTestOverriddenLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(true)}})},
+        {"JXTestOffLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value("NO")}, {"Period", jx::Value(30)}})},
+        {"JXTestOddLogger", jx::Value(false)},  // not a dictionary: as if absent
+    });
+    EXPECT_TRUE(JXLogger::loggerEnabledWithName("JXTestUnknownLogger"));
+    EXPECT_FALSE(JXLogger::loggerEnabledWithName("JXTestDefaultedLogger"));
+    EXPECT_TRUE(JXLogger::loggerEnabledWithName("JXTestOverriddenLogger"));
+    EXPECT_FALSE(JXLogger::loggerEnabledWithName("JXTestOffLogger"));
+    EXPECT_TRUE(JXLogger::loggerEnabledWithName("JXTestOddLogger"));
+    EXPECT_EQ(JXLogger::settingForKey("Period", "JXTestOffLogger"), jx::Value(30));
+
+    // A setting written by another process while we run is seen at the next read.
+    writeLoggerSettings(root, {{"JXTestUnknownLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(false)}})}});
+    EXPECT_FALSE(JXLogger::loggerEnabledWithName("JXTestUnknownLogger"));
+    EXPECT_TRUE(JXLogger::loggerEnabledWithName("JXTestOffLogger"));
+}
+
+TEST(JXLoggerClass, OneLoggerWhileItLivesEachOnItsOwnQueue) {
+    int made = 0;
+    JXLoggerClass cls("JXTestClassLogger", [&] {
+        ++made;
+        return std::make_shared<QuietLogger>("JXTestClassLogger");
+    });
+    auto first = cls.logger();
+    EXPECT_EQ(cls.logger(), first);
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(&first->loggerSerialQueue(), &JXUtilities::getQueueForLogger(cls));
+    EXPECT_NE(&first->loggerSerialQueue(), &JXUtilities::getQueueForLoggerNamed("JXTestOtherLogger"));
+    // The registry owns the logger: once nobody holds it, the class makes a new one.
+    first.reset();
+    EXPECT_TRUE(cls.logger());
+    EXPECT_EQ(made, 2);
+
+    JXLoggerClass none("JXTestNoLogger", [] { return std::shared_ptr<JXLogger>(); });
+    EXPECT_EQ(none.logger(), nullptr);
+
+    EXPECT_EQ(JXClassRegistry::lookUpClass("JXTestClassLogger"), nullptr);
+    JXClassRegistry::registerClass(&cls);
+    EXPECT_EQ(JXClassRegistry::lookUpClass("JXTestClassLogger"), &cls);
+    EXPECT_EQ(JXClassRegistry::lookUpClass("jxtestclasslogger"), nullptr);  // names are exact
+    JXClassRegistry::removeClass(&cls);
+    EXPECT_EQ(JXClassRegistry::lookUpClass("JXTestClassLogger"), nullptr);
+}
+
+class BundleTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        built = JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle";
+        pluginDir = root("/System/Library/JoulixPlugins");
+        fs::create_directories(pluginDir);
+        chmod(pluginDir.c_str(), 0755);
+    }
+    std::string install(const std::string& name, mode_t mode, const std::string& from = "") {
+        std::string path = pluginDir + "/" + name;
+        fs::copy_file(from.empty() ? built : from, path, fs::copy_options::overwrite_existing);
+        chmod(path.c_str(), mode);
+        return path;
+    }
+    jxtest::TestRoot root;
+    jxtest::LogCapture log;
+    std::string built, pluginDir;
+};
+
+TEST_F(BundleTest, ATrustedBundleGivesItsPrincipalClassAndItsLoggerLogs) {
+    std::string path = install("JXThermalLogger.bundle", 0644);
+    JXLoggerClass* cls = JXBundle::principalClass(path);
+    ASSERT_NE(cls, nullptr);
+    EXPECT_EQ(cls->name(), "JXTestBundleLogger");
+    EXPECT_EQ(JXBundle::principalClass(path), cls);  // loaded once
+    auto logger = cls->logger();
+    ASSERT_TRUE(logger);
+    logger->loggerSerialQueue().sync([&] { logger->log(); });
+    EXPECT_TRUE(logger->haveLogged());
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
+    EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXMissingLogger.bundle"), nullptr);
+    EXPECT_TRUE(log.messages().empty()) << "a missing bundle is not worth a message";
+
+    struct {
+        const char* name;
+        mode_t mode;
+        const char* why;
+    } cases[] = {
+        {"JXGroupWritable.bundle", 0664, "writable by group or others"},
+        {"JXWorldWritable.bundle", 0646, "writable by group or others"},
+    };
+    for (auto& c : cases) {
+        EXPECT_EQ(JXBundle::principalClass(install(c.name, c.mode)), nullptr) << c.name;
+        EXPECT_EQ(log.countContaining(c.why), static_cast<std::size_t>(&c - cases + 1)) << c.name;
+    }
+
+    // A file that is not a shared object.
+    root.writeFile("/System/Library/JoulixPlugins/JXText.bundle", "not a library");
+    chmod((pluginDir + "/JXText.bundle").c_str(), 0644);
+    EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXText.bundle"), nullptr);
+    EXPECT_EQ(log.countContaining("cannot be loaded"), 1u);
+
+    // A directory others can write to makes every bundle in it untrusted.
+    std::string good = install("JXThermalLogger.bundle", 0644);
+    chmod(pluginDir.c_str(), 0777);
+    EXPECT_EQ(JXBundle::principalClass(good), nullptr);
+    EXPECT_EQ(log.countContaining("its directory is writable"), 1u);
+    // Said once per bundle, however often it is asked for.
+    EXPECT_EQ(JXBundle::principalClass(good), nullptr);
+    EXPECT_EQ(log.countContaining("its directory is writable"), 1u);
+}
+
+}  // namespace
