@@ -11,6 +11,15 @@ echo "== build and test"
 scripts/build.sh build -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=ON
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== plug-in SDK: install to a scratch prefix, build the example against it"
+sdk=$(mktemp -d)
+trap 'rm -rf "$sdk"' EXIT
+cmake --install build --prefix "$sdk/usr" >/dev/null
+# shellcheck disable=SC2046
+c++ -std=c++20 -shared -fPIC -fvisibility=hidden -Wall -Wextra -Werror plugins/examples/JXLoadAverageLogger.cpp \
+  $(PKG_CONFIG_PATH="$sdk/usr/lib/pkgconfig" pkg-config --cflags --libs joulix-plugin) -o "$sdk/JXLoadAverageLogger.bundle"
+nm -D --defined-only "$sdk/JXLoadAverageLogger.bundle" | grep -q ' JXPrincipalClass$'
+
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \

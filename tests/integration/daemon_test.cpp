@@ -1,5 +1,6 @@
 // The real joulix and joulixctl under a private root.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -51,6 +52,21 @@ TEST_F(DaemonTest, OnceMakesTheLayoutAndEnds) {
     // Without a bus the daemon says so once and runs on.
     EXPECT_NE(p->err().find("no system bus"), std::string::npos);
     EXPECT_EQ(p->err().find("no system bus"), p->err().rfind("no system bus"));
+}
+
+TEST_F(DaemonTest, DynamicDiscoveryLoadsTheExamplePlugIn) {
+    std::string dir = root("/System/Library/JoulixPlugins");
+    std::filesystem::create_directories(dir);
+    chmod(dir.c_str(), 0755);
+    std::filesystem::copy_file(JOULIX_BUNDLE_DIR "/JXLoadAverageLogger.bundle", dir + "/JXLoadAverageLogger.bundle");
+    chmod((dir + "/JXLoadAverageLogger.bundle").c_str(), 0644);
+    ASSERT_EQ(ctl({"defaults", "write", "JXLoggerDiscovery", "dynamic"}), 0);
+    auto p = joulix({"--once"});
+    ASSERT_EQ(p->wait(), 0) << p->err();
+    EXPECT_NE(p->err().find("setting up bundle logger JXLoadAverageLogger"), std::string::npos) << p->err();
+    // One-shot: every logger has logged once before the run ends.
+    std::string log = root.readFile("/var/mobile/Library/Logs/CurrentJoulix.joulix");
+    EXPECT_NE(log.find("[LoadAverage] load1="), std::string::npos) << log;
 }
 
 TEST_F(DaemonTest, BadOptionsGiveUsageAndStatusTwo) {

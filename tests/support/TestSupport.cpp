@@ -1,8 +1,5 @@
 #include "tests/support/TestSupport.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -174,39 +171,3 @@ bool waitFor(const std::function<bool()>& condition, double seconds) {
 
 }  // namespace jxtest
 
-namespace jxtest {
-
-PrivateBus::PrivateBus() {
-    if (access("/usr/bin/dbus-daemon", X_OK) != 0) return;
-    char pattern[] = "/tmp/joulix-bus-XXXXXX";
-    if (!mkdtemp(pattern)) return;
-    dir_ = pattern;
-    std::string socket = dir_ + "/bus";
-    std::string listen = "--address=unix:path=" + socket;
-    pid_ = fork();
-    if (pid_ == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 1);
-        dup2(null, 2);
-        execl("/usr/bin/dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", listen.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    if (pid_ < 0 || !waitFor([&] { return access(socket.c_str(), F_OK) == 0; })) return;
-    address_ = "unix:path=" + socket;
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
-}
-
-PrivateBus::~PrivateBus() {
-    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        waitpid(pid_, nullptr, 0);
-    }
-    if (!dir_.empty()) {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-}
-
-}  // namespace jxtest

@@ -12,6 +12,7 @@
 #include "platform/Clock.h"
 #include "platform/NotificationCenter.h"
 #include "platform/SystemLog.h"
+#include "tests/support/PrivateBus.h"
 
 namespace jxtest {
 
@@ -87,24 +88,6 @@ private:
     mutable std::mutex mutex_;
     std::vector<std::string> posted_;
     std::vector<Observer> observers_;
-};
-
-// A private dbus-daemon (session configuration) that is the system bus of this
-// process and of the processes it starts, for the object's life.
-class PrivateBus {
-public:
-    PrivateBus();
-    ~PrivateBus();
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-    // NO when dbus-daemon is not installed or did not start: the test should skip.
-    bool available() const { return !address_.empty(); }
-    const std::string& address() const { return address_; }
-
-private:
-    pid_t pid_ = -1;
-    std::string dir_;
-    std::string address_;
 };
 
 // Waits (with a deadline, polling a condition) — for tests of asynchronous work.

@@ -1,0 +1,71 @@
+// A private dbus-daemon (session configuration) that is the system bus of this
+// process and of the processes it starts, for the object's life. Header-only, so
+// that benchmarks use it without the test framework.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+namespace jxtest {
+
+class PrivateBus {
+public:
+    PrivateBus() {
+        if (access("/usr/bin/dbus-daemon", X_OK) != 0) return;
+        char pattern[] = "/tmp/joulix-bus-XXXXXX";
+        if (!mkdtemp(pattern)) return;
+        dir_ = pattern;
+        const std::string socket = dir_ + "/bus";
+        const std::string listen = "--address=unix:path=" + socket;
+        pid_ = fork();
+        if (pid_ == 0) {
+            int null = open("/dev/null", O_RDWR);
+            dup2(null, 1);
+            dup2(null, 2);
+            execl("/usr/bin/dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", listen.c_str(),
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        if (pid_ < 0) return;
+        // The socket appears once the daemon listens.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (access(socket.c_str(), F_OK) != 0) {
+            if (std::chrono::steady_clock::now() > deadline) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        address_ = "unix:path=" + socket;
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+    }
+    ~PrivateBus() {
+        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (!dir_.empty()) {
+            std::error_code ec;
+            std::filesystem::remove_all(dir_, ec);
+        }
+    }
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+    // NO when dbus-daemon is not installed or did not start: the test should skip.
+    bool available() const { return !address_.empty(); }
+    const std::string& address() const { return address_; }
+
+private:
+    pid_t pid_ = -1;
+    std::string dir_;
+    std::string address_;
+};
+
+}  // namespace jxtest
