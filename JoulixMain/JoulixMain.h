@@ -12,9 +12,11 @@
 #include <string>
 
 #include "platform/DateFormatter.h"
+#include "platform/FileDescriptor.h"
 #include "platform/JXEntry.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
+#include "platform/SerialQueue.h"
 #include "platform/Value.h"
 
 // The fixed paths of the system, before the root is put in front of them.
@@ -121,13 +123,22 @@ public:
     bool moveFileAtPath(const std::string& path);
     bool shouldLinkToFaultkeeper();
     void generateLogGatheringFiles(const std::string& path);
+    bool archiveLogFile(const std::string& path, const std::string& toFile, const std::string& atDir);
+    void DeleteOldFiles();
+    void generatePListForLog(const std::string& path, const std::string& InFaultkeeper);
+    // The serial queue on which compression, retention and post-processing run.
+    static jx::SerialQueue& archiveQueue();
 
     // Protection and watching.
     bool setFileProtectionForPath(const std::string& path, const std::string& withIdentifier);
     bool fileIsUnlockedAtPath(const std::string& path, const std::string& withIdentifier);
     void watchCrashReportDirectories(bool arm);
+    void logDirectoryEventForFileDescriptor(const std::shared_ptr<jx::FileDescriptor>& descriptor);
+    bool isFileDescripterMultiLinked(FILE* file);
     void logFileCheck();
     void logFileCheckFired(const jx::Notification& notification);
+
+    unsigned watchArmings() const { return watchArmings_.load(); }
 
     // The shared timestamp formatter; every use holds its monitor.
     jx::DateFormatter& logTimestampFormatter() { return *logTimestampFormatter_; }
@@ -136,6 +147,10 @@ private:
     bool init();
     // The work startLoggingToFile hands to the shared queue.
     void startLoggingToFileWork();
+    // Reads and handles one directory event, on the shared queue.
+    void handleDirectoryEvent(const jx::FileDescriptor& descriptor);
+    // One post-processing run over the crash-report directory, on the archive queue.
+    void runBasebandPostProcessing();
 
     // Instance state, in the order the controller declares it.
     std::shared_ptr<JXEntry> _loggerList;
@@ -147,7 +162,10 @@ private:
     int crashReportDirectoryDescriptor = -1;
     int currentLogDirectoryDescriptor = -1;
     std::optional<jx::RunLoop::SourceId> kqueueDescriptorSource;
-    void* kqueueDescriptorRef = nullptr;
+    // The queue's descriptor object: closing it (on tear-down) closes the queue.
+    std::shared_ptr<jx::FileDescriptor> kqueueDescriptorRef;
+    // How often the watch has been armed, for tests and benchmarks that count rebuilds.
+    std::atomic<unsigned> watchArmings_{0};
     bool rotateDebugLogging_ = false;
     bool runLoopDebugLogging_ = false;
     std::atomic<bool> _bbPostProcessing{false};
@@ -162,6 +180,9 @@ private:
 
 // The SIGUSR1 handler: with SIGUSR1, every logger logs now.
 void signalTrigger(int signalNumber);
+
+// The run loop's callback of the directory watch; info is the controller.
+void LogDirectoryEvent(const std::shared_ptr<jx::FileDescriptor>& descriptor, unsigned long callbackTypes, void* info);
 
 // The handlers of the system-wide notifications; the observer is the controller.
 void JoulixExitRequested(jx::SystemNotificationCenter* center, void* observer, const std::string& name,

@@ -1,0 +1,13 @@
+// The file-compression service: deflate one open file into another in the gzip
+// format, streamed, so that a log of any size costs a fixed amount of memory.
+#pragma once
+
+#include <cstdio>
+
+namespace jx {
+
+// Reads in from its current position to its end and writes the gzip form to out.
+// Answers 0 on success; otherwise a zlib or I/O error code (negative).
+int deflateFileToGzip(FILE* in, FILE* out, int level);
+
+}  // namespace jx

@@ -1,0 +1,15 @@
+// When a file was made: its birth time where the file system keeps one, else its
+// last modification.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/Value.h"
+
+namespace jx {
+
+// nullopt when the item cannot be examined. Symbolic links are not followed.
+std::optional<Date> fileCreationDate(const std::string& path);
+
+}  // namespace jx

@@ -1,0 +1,203 @@
+// The real daemon's rolled logs in the archive, retention by age, and the
+// directory watch that re-creates a deleted log.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <ctime>
+#include <filesystem>
+
+#include "tests/integration/Process.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using jxtest::Process;
+using jxtest::binary;
+using jxtest::waitFor;
+
+const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
+const std::string kFaultkeeper = "/var/mobile/Library/Logs/Faultkeeper";
+const std::string kArchive = "/var/mobile/Library/Logs/JXArchive";
+const std::string kFakeTime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+// A local time a whole number of days from now, three seconds before a minute ends.
+std::string fakeStart(int days) {
+    std::time_t t = std::time(nullptr) + days * 86400;
+    std::tm local{};
+    localtime_r(&t, &local);
+    local.tm_sec = 57;
+    char text[64];
+    std::strftime(text, sizeof text, "@%Y-%m-%d %H:%M:%S x10", &local);
+    return text;
+}
+
+class ArchiveIntegrationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        root.writeFile("/etc/os-release", "VERSION_ID=\"12\"\n");
+        env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent/joulix-bus";
+    }
+    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
+    int ctl(std::vector<std::string> args) {
+        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
+        Process p(args, out("ctl"), env);
+        return p.wait().value_or(-1);
+    }
+    // The daemon, with its clock faked from the given start when there is one.
+    std::unique_ptr<Process> daemon(const std::string& faketime = "") {
+        auto e = env;
+        if (!faketime.empty()) {
+            e["LD_PRELOAD"] = kFakeTime;
+            e["FAKETIME"] = faketime;
+            const char* asan = std::getenv("ASAN_OPTIONS");
+            e["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
+        }
+        return std::make_unique<Process>(std::vector<std::string>{binary("joulix"), "--root", root.path(), "--log-stderr"},
+                                         out("joulix"), e);
+    }
+    std::vector<std::string> names(const std::string& dir, const std::string& suffix) {
+        std::vector<std::string> found;
+        std::error_code ec;
+        for (fs::directory_iterator it(root(dir), ec), end; !ec && it != end; it.increment(ec)) {
+            std::string n = it->path().filename();
+            if (n.size() >= suffix.size() && n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0) found.push_back(n);
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+    // Set up: the watch is armed before the notifications (whose debug line tells).
+    bool setUp() {
+        return waitFor([&] { return root.readFile(kLog).find("[Log-SetupNotifications]") != std::string::npos; });
+    }
+    bool logShows(const std::string& what, std::size_t times = 1) {
+        return waitFor([&] { return occurrences(root.readFile(kLog), what) >= times; });
+    }
+
+    jxtest::TestRoot root;
+    std::map<std::string, std::string> env;
+    int runs = 0;
+};
+
+TEST_F(ArchiveIntegrationTest, ARollLeavesAVerifiedArchiveOfTheClosedLog) {
+    if (access(kFakeTime.c_str(), R_OK) != 0 || access("/bin/gzip", X_OK) != 0) GTEST_SKIP() << "faketime or gzip missing";
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+    auto d = daemon("@2026-11-21 10:00:57 x10");
+    ASSERT_TRUE(waitFor([&] { return names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty(); }, 60))
+        << d->err();
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
+
+    for (const std::string& gz : names(kArchive, ".gz")) {
+        const std::string rolled = gz.substr(0, gz.size() - 3);
+        ASSERT_TRUE(fs::exists(root(kFaultkeeper + "/" + rolled))) << gz;
+        Process test({"/bin/gzip", "-t", root(kArchive + "/" + gz)}, out("gzip"));
+        EXPECT_EQ(test.wait(), 0) << test.err();
+        Process unpack({"/bin/sh", "-c", "gzip -dc \"$0\"", root(kArchive + "/" + gz)}, out("gunzip"));
+        ASSERT_EQ(unpack.wait(), 0);
+        EXPECT_EQ(unpack.out(), root.readFile(kFaultkeeper + "/" + rolled)) << gz;
+    }
+    EXPECT_TRUE(names(kArchive, ".archive").empty());
+}
+
+TEST_F(ArchiveIntegrationTest, ArchivesOlderThanFourteenDaysGoAtARoll) {
+    if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
+    root.writeFile(kArchive + "/JX_old.joulix.gz", "made now");
+    // The daemon's clock runs thirteen days ahead: the archive made now is thirteen days old.
+    {
+        auto d = daemon(fakeStart(13));
+        ASSERT_TRUE(waitFor([&] { return names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty(); }, 60))
+            << d->err();
+        d->signal(SIGTERM);
+        ASSERT_EQ(d->wait(), 0);
+    }
+    EXPECT_TRUE(fs::exists(root(kArchive + "/JX_old.joulix.gz")));
+    // Fifteen days ahead, the next roll's retention pass removes it.
+    auto d = daemon(fakeStart(15));
+    EXPECT_TRUE(waitFor([&] { return !fs::exists(root(kArchive + "/JX_old.joulix.gz")); }, 60)) << d->err();
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
+}
+
+TEST_F(ArchiveIntegrationTest, ADeletedLogIsMadeAgainEveryTime) {
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    auto d = daemon();
+    ASSERT_TRUE(setUp());
+    const std::string entry = "[Log] state=LogDirectoryEvent logPath=" + root(kLog) + " exists=FAIL";
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("[Joulix]") != std::string::npos; }));
+        fs::remove(root(kLog));
+        // The watch is armed again after each event, so every deletion is seen.
+        ASSERT_TRUE(logShows(entry)) << "round " << round << "\n" << d->err();
+    }
+    d->signal(SIGTERM);
+    EXPECT_EQ(d->wait(), 0);
+}
+
+TEST_F(ArchiveIntegrationTest, ADeletedCrashReportLinkIsRestoredOnlyWhileLinkingIsAllowed) {
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    auto d = daemon();
+    ASSERT_TRUE(setUp());
+    ASSERT_EQ(names(kFaultkeeper, ".joulix").size(), 1u);
+    const std::string link = root(kFaultkeeper + "/" + names(kFaultkeeper, ".joulix")[0]);
+    fs::remove(link);
+    ASSERT_TRUE(logShows("[Log] state=LogDirectoryEvent logPath=" + link + " exists=FAIL")) << d->err();
+    ASSERT_TRUE(waitFor([&] { return fs::exists(link); }));
+    EXPECT_TRUE(fs::equivalent(link, root(kLog)));
+
+    // Linking off: an event in the crash-report directory is looked at and let be.
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "NO"}), 0);
+    std::size_t fired = occurrences(root.readFile(kLog), "[Log-LogDirectoryEvent] fired=YES");
+    fs::remove(link);
+    ASSERT_TRUE(logShows("[Log-LogDirectoryEvent] fired=YES", fired + 1));
+    // Later events, until one arrives after the watch is built again: by then the
+    // deletion has been handled.
+    ASSERT_TRUE(waitFor([&] {
+        root.writeFile(kFaultkeeper + "/probe", "x");
+        fs::remove(root(kFaultkeeper + "/probe"));
+        return occurrences(root.readFile(kLog), "[Log-LogDirectoryEvent] fired=YES") >= fired + 2;
+    }));
+    EXPECT_FALSE(fs::exists(link));
+    EXPECT_EQ(occurrences(root.readFile(kLog), "state=LogDirectoryEvent logPath=" + link), 1u);
+    d->signal(SIGTERM);
+    EXPECT_EQ(d->wait(), 0);
+}
+
+TEST_F(ArchiveIntegrationTest, AMinuteOfSteadyLoggingWakesNoWatch) {
+    if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+    std::string plugins = root("/System/Library/JoulixPlugins");
+    fs::create_directories(plugins);
+    chmod(plugins.c_str(), 0755);
+    fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", plugins + "/JXThermalLogger.bundle");
+    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+
+    // A minute of the daemon's time, ten times as fast: a sample every 100 ms of it.
+    auto d = daemon("@2026-11-21 10:00:00 x10");
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    const std::string startText = root.readFile(kLog);
+    const std::size_t before = occurrences(startText, "[Log-LogDirectoryEvent]");
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(6);
+    while (std::chrono::steady_clock::now() < until) {
+        d->signal(SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
+    const std::string text = root.readFile(kLog);
+    EXPECT_GT(occurrences(text, "[TestBundle]"), 100u);
+    EXPECT_EQ(occurrences(text, "[Log-LogDirectoryEvent]"), before) << "the daemon's own writing woke the watch";
+    EXPECT_EQ(before, 0u);
+}
+
+}  // namespace
