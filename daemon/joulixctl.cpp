@@ -14,6 +14,8 @@
 #include "platform/PropertyList.h"
 #include "platform/Root.h"
 
+int bbpowerCommand(const std::vector<std::string>& args);
+
 namespace {
 
 const char* const kUsage =
@@ -23,6 +25,8 @@ const char* const kUsage =
     "  defaults write KEY [TYPE] VALUE...  set a setting; TYPE is -string (default), -int,\n"
     "                                      -float, -bool (YES/NO, true/false, 1/0) or -array\n"
     "  defaults delete KEY                 remove a setting\n"
+    "  bbpower [DIR] [--notify]            one baseband power analysis of DIR (default: the\n"
+    "                                      crash-report directory); says where its results went\n"
     "The domain is com.brindle.joulix unless --domain names another.\n";
 
 int usageError(const char* why) {
@@ -162,5 +166,7 @@ int main(int argc, char** argv) {
         if (verb == "delete") return defaultsDelete(domain, rest);
         return usageError(("unknown defaults command " + verb).c_str());
     }
+    if (command == "bbpower")
+        return bbpowerCommand(std::vector<std::string>(args.begin() + static_cast<long>(i), args.end()));
     return usageError(("unknown command " + command).c_str());
 }
