@@ -18,7 +18,6 @@
 
 #include "baseband/JXBasebandPostProcessing.h"
 #include "platform/Root.h"
-#include "platform/SystemLog.h"
 
 namespace {
 
@@ -120,10 +119,6 @@ struct Setup {
     std::string path, crash;
     bool kept = false;
     std::uint64_t extractBytes = 0;
-};
-
-struct Quiet : jx::LogSink {
-    void message(int, std::string_view) override {}
 };
 
 void BM_FullRun(benchmark::State& state) {
