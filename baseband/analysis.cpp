@@ -54,6 +54,7 @@ public:
                                                   where, status));
         if (U_FAILURE(status)) throw std::runtime_error("sample pattern");
         matcher_.reset(pattern_->matcher(status));
+        if (U_SUCCESS(status)) matcher_->setTimeLimit(jx::baseband::kMatchTickLimit, status);
         if (U_FAILURE(status)) throw std::runtime_error("sample matcher");
     }
     ~SampleReader() {

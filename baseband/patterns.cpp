@@ -94,10 +94,6 @@ std::optional<std::string> lineTag(std::string_view line) {
     return jx::baseband::foldCase(line.substr(open + 1, close - open - 1));
 }
 
-struct MatcherDeleter {
-    void operator()(icu::RegexMatcher* m) const { delete m; }
-};
-
 }  // namespace
 
 // The table compiled once, with each tag's rows in the table's order. A line is
@@ -128,6 +124,7 @@ struct JXBasebandPostProcessing::CompiledPatterns {
                 icu::UnicodeString::fromUTF8(pattern), UREGEX_CASE_INSENSITIVE, where, status));
             if (U_SUCCESS(status) && compiled) {
                 row.matcher.reset(compiled->matcher(status));
+                if (U_SUCCESS(status)) row.matcher->setTimeLimit(jx::baseband::kMatchTickLimit, status);
                 if (U_SUCCESS(status))
                     row.pattern = std::move(compiled);
                 else
@@ -174,9 +171,15 @@ struct JXBasebandPostProcessing::CompiledPatterns {
             status = U_ZERO_ERROR;
             row.matcher->reset(&text);
             if (row.matcher->find(status) && U_SUCCESS(status)) return &row;
+            if (status == U_REGEX_TIME_OUT && !saidTimeOut) {
+                jx::systemLogf(jx::kLogNotice, "BBPowerTool -- %s gave up on a line that needs too much backtracking",
+                               row.name.c_str());
+                saidTimeOut = true;
+            }
         }
         return nullptr;
     }
+    bool saidTimeOut = false;
 };
 
 void JXBasebandPostProcessing::addSearchStringsToDictionary(Dictionary& dictionary) {

@@ -139,6 +139,15 @@ TEST_F(Patterns, DispatchByTagFindsWhatTryingEveryRowFinds) {
     EXPECT_GE(matched, 2 * 16u + 4u);
 }
 
+TEST_F(Patterns, ALineThatNeedsExponentialBacktrackingIsGivenUp) {
+    // The number groups accept any character between digits: a long run of digits
+    // that fails at its end would take the engine years to refute.
+    const std::string line = std::string(kStamp) + "[BB HW Peripherals] USB=[1,2,3%]; SPI=[6,1%]; UART=[1,0%]; GPS=[0," +
+                             std::string(60, '5') + "#" + std::string(60, '3') + "x%]; GPS_DPO=[0,2%];\n";
+    EXPECT_TRUE(match(line).empty());
+    EXPECT_TRUE(log.contains("BBPowerTool -- Peripherals gave up on a line that needs too much backtracking"));
+}
+
 TEST_F(Patterns, EventsAtTheSameTimeAreKeptATenthOfAMillisecondApart) {
     Dictionary events;
     p.addKey("1700000000.250000", "first", events);
