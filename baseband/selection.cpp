@@ -72,6 +72,11 @@ struct ExactTime {
     auto operator<=>(const ExactTime&) const = default;
 };
 
+// Where the file system keeps no birth time, the modification time stands in.
+const statx_timestamp& creationStamp(const struct statx& st) {
+    return (st.stx_mask & STATX_BTIME) ? st.stx_btime : st.stx_mtime;
+}
+
 std::optional<ExactTime> creationTime(const std::string& path) {
     struct statx st {};
     if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_SYNC_AS_STAT, STATX_BTIME | STATX_MTIME, &st) !=
@@ -81,8 +86,7 @@ std::optional<ExactTime> creationTime(const std::string& path) {
         if (::lstat(path.c_str(), &old) != 0) return std::nullopt;
         return ExactTime{old.st_mtim.tv_sec, static_cast<std::uint32_t>(old.st_mtim.tv_nsec)};
     }
-    // Where the file system keeps no birth time, the modification time stands in.
-    const statx_timestamp& t = (st.stx_mask & STATX_BTIME) ? st.stx_btime : st.stx_mtime;
+    const statx_timestamp& t = creationStamp(st);
     return ExactTime{t.tv_sec, t.tv_nsec};
 }
 
@@ -105,7 +109,7 @@ std::string JXBasebandPostProcessing::removalCommand(const std::string& temporar
 }
 
 jx::Date JXBasebandPostProcessing::creationDateFromAttributes(const struct statx& attributes) {
-    const statx_timestamp& t = (attributes.stx_mask & STATX_BTIME) ? attributes.stx_btime : attributes.stx_mtime;
+    const statx_timestamp& t = creationStamp(attributes);
     return jx::Date{static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9};
 }
 
