@@ -187,6 +187,7 @@ private:
 
     // Patterns compiled once for the table they were made from.
     std::unique_ptr<CompiledPatterns> compiled;
+    const Dictionary* compiledRunTable = nullptr;  // the run's table, compiled at its start
     struct DateParser;
     std::unique_ptr<DateParser> dateParser;
 };

@@ -126,7 +126,10 @@ void JXBasebandPostProcessing::runOrThrow(const std::string& path, bool postNoti
     PDF pdf(kBins, 0);
     dictSearchStrings.clear();
     addSearchStringsToDictionary(dictSearchStrings);
-    forgetCompiledPatterns();  // compiled again, once, for this run's table
+    // Compiled once, for this run's table.
+    forgetCompiledPatterns();
+    compiledPatternsFor(dictSearchStrings);
+    compiledRunTable = &dictSearchStrings;
     jx::systemLogf(jx::kLogNotice, "BBPowerTool -- Power Log of Interest: %s", joulix.c_str());
 
     getTrimemdJoulixFile(joulix);

@@ -188,13 +188,16 @@ void JXBasebandPostProcessing::addSearchStringsToDictionary(Dictionary& dictiona
 
 const JXBasebandPostProcessing::CompiledPatterns& JXBasebandPostProcessing::compiledPatternsFor(
     const Dictionary& searchStrings) {
-    if (!compiled || (&searchStrings != &compiled->source && searchStrings != compiled->source))
-        compiled = std::make_unique<CompiledPatterns>(searchStrings);
+    // The run's own table does not change while the run reads: it is not compared
+    // again line by line.
+    if (compiled && &searchStrings == compiledRunTable) return *compiled;
+    if (!compiled || searchStrings != compiled->source) compiled = std::make_unique<CompiledPatterns>(searchStrings);
     return *compiled;
 }
 
 void JXBasebandPostProcessing::forgetCompiledPatterns() {
     compiled.reset();
+    compiledRunTable = nullptr;
     collisionNext.clear();
     collisionDictionary = nullptr;
     collisionDictionarySize = 0;
@@ -296,20 +299,22 @@ void JXBasebandPostProcessing::addKey(const std::string& key, const std::string&
         collisionNext.clear();
         collisionDictionary = &toDictionary;
     }
-    std::uint64_t step = 0;
-    if (auto it = collisionNext.find(time); it != collisionNext.end()) step = it->second;
+    // Only times that have collided are remembered: most times are seen once.
+    auto known = collisionNext.find(time);
+    std::uint64_t step = known == collisionNext.end() ? 0 : known->second;
     for (;; ++step) {
         // Far from 0 a tenth of a millisecond no longer changes the number; past
         // this many tries the event is dropped rather than searched for without end.
         if (step > kMaximumCollisionSteps) {
             jx::systemLogf(jx::kLogNotice, "BBPowerTool -- addKey: no free key near %s", key.c_str());
+            collisionNext[time] = step;
             return;
         }
         std::string candidate = jx::formatString("%.04f", time + static_cast<double>(step) * 0.0001);
         auto [it, inserted] = toDictionary.try_emplace(std::move(candidate), value);
         if (inserted) break;
     }
-    collisionNext[time] = step + 1;
+    if (step > 0 || known != collisionNext.end()) collisionNext[time] = step + 1;
     collisionDictionarySize = toDictionary.size();
 }
 
