@@ -43,18 +43,23 @@ public:
         kept("Battery", "level=" + num(pick(5, 100)) + "; charging_state=inactive; charging_current=0; voltage=3.9;");
         noise("Process", "name=springboard; cpu=" + num(pick(0, 30)) + "; mem=182;");
         noise("WiFi", "rssi=-" + num(pick(40, 90)) + "; channel=36; tx=120;");
-        const int m = minute_++;
-        if (m % 7 == 0) kept("Display", std::string("active=") + (m % 14 == 0 ? "YES" : "NO") + "; brightness=0.5;");
-        if (m % 11 == 0) kept("Telephony", "signal=-80; call_status=Inactive; airplane_mode=NO;");
+        // An hour: the display on for five minutes, a short call, audio and the hotspot
+        // held for a while; idle otherwise, so that idle intervals close and are counted.
+        const int m = minute_++ % 60;
+        if (m == 0 || m == 5) kept("Display", std::string("active=") + (m == 0 ? "YES" : "NO") + "; brightness=0.5;");
+        if (m == 20 || m == 22)
+            kept("Telephony",
+                 std::string("signal=-80; call_status=") + (m == 20 ? "Active" : "Inactive") + "; airplane_mode=NO;");
         if (m % 5 == 0) kept("Sleep", "event=did_sleep;");
         if (m % 5 == 1) kept("Wake", "reason=rtc_alarm;");
         if (m % 3 == 0)
             kept("BB Event", "EventCode=EVENT_WCDMA_RRC_STATE; prevState=FACH; currState=Disconnected; rate=0;");
-        if (m % 13 == 0)
-            kept("Assertion",
-                 "id=4; state=created; process=soundhubd; pid=80; "
-                 "name=com.brindle.audio.VAD Aggregate Device UID;");
-        if (m % 13 == 2) kept("Assertion", "id=9; state=released; process=wlanhubd; pid=81; name=ap1;");
+        if (m == 30 || m == 33)
+            kept("Assertion", std::string("id=4; state=") + (m == 30 ? "created" : "released") +
+                                  "; process=soundhubd; pid=80; name=com.brindle.audio.VAD Aggregate Device UID;");
+        if (m == 40 || m == 41)
+            kept("Assertion", std::string("id=9; state=") + (m == 40 ? "held" : "released") +
+                                  "; process=wlanhubd; pid=81; name=ap1;");
         t_ += 60;
     }
     std::uint64_t keptBytes() const { return kept_; }
@@ -124,16 +129,19 @@ struct Setup {
 void BM_FullRun(benchmark::State& state) {
     static Setup setup;
     const bool dispatch = state.range(0) != 0;
+    double intervals = 0;
     for (auto _ : state) {
         JXBasebandPostProcessing processor;
         processor.setDispatchesByTag(dispatch);
         processor.postProcessJoulixsAtPath(setup.crash, false);
         if (processor.lastRun().outcome != JXBasebandPostProcessing::Outcome::Completed)
             state.SkipWithError("the run did not complete");
+        intervals = processor.totalNumberOfARMUtilityValuesFiltered();
     }
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     state.counters["extract_MB"] = static_cast<double>(setup.extractBytes) / 1e6;
+    state.counters["intervals"] = intervals;
     state.counters["peak_rss_MB"] = static_cast<double>(usage.ru_maxrss) / 1024.0;
     state.SetLabel(dispatch ? "dispatch by tag" : "every pattern");
 }
