@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "JoulixMain/JoulixMain.h"
+#include "baseband/JXBasebandPostProcessing.h"
 #include "defaults/JXDefaults.h"
 #include "platform/Clock.h"
 #include "platform/Compression.h"
@@ -170,7 +171,18 @@ void JoulixMain::generateLogGatheringFiles(const std::string& path) {
     archiveQueue().async([self = shared_from_this(), linked, name, archiveDir] {
         self->archiveLogFile(linked, name, archiveDir);
         self->DeleteOldFiles();
+        if (self->basebandPostProcessing() && JXDefaultsCurrentLoggingMode() != 0) self->runBasebandPostProcessing();
     });
+}
+
+void JoulixMain::runBasebandPostProcessing() {
+    jx::systemLog("BBPowerTool -- Executing Now");
+    {
+        JXBasebandPostProcessing run;
+        // The directory as the post-processor takes it: with its trailing slash.
+        run.postProcessJoulixsAtPath(jx::rootPath(kJXCrashReportDirectory) + "/", basebandPostProcessingNotify());
+    }
+    jx::systemLog("BBPowerTool -- Execution Complete");
 }
 
 bool JoulixMain::archiveLogFile(const std::string& path, const std::string& toFile, const std::string& atDir) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -49,6 +50,9 @@ void exitSignal(int) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A SIGUSR1 that comes before the controller is there to take it must not end
+    // the daemon (its default action); the controller installs the real handler.
+    jx::ignoreSignal(SIGUSR1);
     enum { kRoot = 1, kOnce, kStdout, kLogStderr, kHelp };
     static const option options[] = {
         {"root", required_argument, nullptr, kRoot},   {"once", no_argument, nullptr, kOnce},
@@ -95,5 +99,13 @@ int main(int argc, char** argv) {
     controller->run();
     controller.reset();
     JoulixMain::waitForRunThreads();
-    return 0;
+
+    // The log is closed. An archive being written is finished, so that no half
+    // archive is left behind; samples still queued by loggers are not waited for.
+    JoulixMain::archiveQueue().sync([] {});
+    // Leave without running static destructors: loggers, the signal thread and the
+    // writer may still be at work, and must not find the objects they use gone.
+    jx::ignoreSignal(SIGUSR1);
+    std::fflush(nullptr);
+    std::_Exit(0);
 }

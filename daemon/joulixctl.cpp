@@ -19,6 +19,8 @@
 #include "platform/PropertyList.h"
 #include "platform/Root.h"
 
+int bbpowerCommand(const std::vector<std::string>& args);
+
 namespace {
 
 const char* const kUsage =
@@ -36,6 +38,8 @@ const char* const kUsage =
     "  post NAME                           post any system-wide notification\n"
     "  wait NAME [--timeout S]             wait for a system-wide notification; status 1\n"
     "                                      when S seconds pass first (default: no limit)\n"
+    "  bbpower [DIR] [--notify]            one baseband power analysis of DIR (default: the\n"
+    "                                      crash-report directory); says where its results went\n"
     "The domain is com.brindle.joulix unless --domain names another. Notifications go over\n"
     "the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured).\n";
 
@@ -250,5 +254,6 @@ int main(int argc, char** argv) {
         return postCommand(rest[0]);
     }
     if (command == "wait") return waitCommand(rest);
+    if (command == "bbpower") return bbpowerCommand(rest);
     return usageError(("unknown command " + command).c_str());
 }

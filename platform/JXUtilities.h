@@ -70,6 +70,11 @@ public:
     // Posts an in-process notification.
     static void postNotificationName(const std::string& name, const void* object, const jx::Value& userInfo = {});
 
+    // Runs a command line with /bin/sh -c and returns once it has finished: its exit
+    // status, 128 + the signal that ended it, or -1 when no shell could be started.
+    // Defined with the other shell helpers in platform/Task.cpp.
+    static int openTask(const std::string& command);
+
     // The account name of a user id (its number when it has none).
     static std::string lookUpUserName(uid_t uid);
 

@@ -5,7 +5,8 @@ set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libicu-dev zlib1g-dev libsystemd-dev libplist-dev
           libgtest-dev libgmock-dev libbenchmark-dev
-          dbus-daemon dbus-bin faketime)
+          dbus-daemon dbus-bin faketime
+          clang libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}"; do

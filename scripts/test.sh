@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh machine, builds, and runs every test: the plain build, then the
 # whole suite under AddressSanitizer and UndefinedBehaviorSanitizer, then the
-# concurrency tests under ThreadSanitizer.
+# concurrency tests under ThreadSanitizer, and a few seconds of each fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -28,4 +28,11 @@ ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 echo "== ThreadSanitizer (queues, writer, run thread)"
 scripts/build.sh build-tsan -DJOULIX_SANITIZE=thread -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L '^(platform_tests|joulixmain_tests)$'
+  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L '^(platform_tests|joulixmain_tests|baseband_tests)$'
+
+echo "== libFuzzer (clang, AddressSanitizer + UndefinedBehaviorSanitizer), ${JOULIX_FUZZ_SECONDS:-5} s per target"
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DJOULIX_BUILD_FUZZ=ON -DJOULIX_SANITIZE="address;undefined" \
+  -DJOULIX_BUILD_TESTS=OFF -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug \
+  -DJOULIX_FUZZ_SECONDS="${JOULIX_FUZZ_SECONDS:-5}" >/dev/null
+ninja -C build-fuzz line_reader_fuzz line_matcher_fuzz
+ctest --test-dir build-fuzz/fuzz --output-on-failure

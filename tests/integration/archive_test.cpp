@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "platform/PropertyList.h"
 #include "tests/integration/Process.h"
 #include "tests/support/TestSupport.h"
 
@@ -198,6 +199,66 @@ TEST_F(ArchiveIntegrationTest, AMinuteOfSteadyLoggingWakesNoWatch) {
     EXPECT_GT(occurrences(text, "[TestBundle]"), 100u);
     EXPECT_EQ(occurrences(text, "[Log-LogDirectoryEvent]"), before) << "the daemon's own writing woke the watch";
     EXPECT_EQ(before, 0u);
+}
+
+TEST_F(ArchiveIntegrationTest, EachRollRunsTheBasebandAnalysisOnTheLogJustRolled) {
+    if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
+    for (std::vector<std::string> setting : {std::vector<std::string>{"JXBasebandPostProcessing", "-bool", "YES"},
+                                             {"JXBasebandPostProcessingNotify", "-bool", "YES"},
+                                             {"JXLoggingMode", "-int", "1"},
+                                             {"JXRotateJoulix", "1 minute"},
+                                             {"JXLinkFaultkeeper", "-bool", "YES"}}) {
+        setting.insert(setting.begin(), {"defaults", "write"});
+        ASSERT_EQ(ctl(setting), 0);
+    }
+    // A logger that writes the modem's statistics with every sample.
+    std::string plugins = root("/System/Library/JoulixPlugins");
+    fs::create_directories(plugins);
+    chmod(plugins.c_str(), 0755);
+    fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", plugins + "/JXThermalLogger.bundle");
+    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    jx::Array lines{jx::Value("[BB HW Log] LogCode=0x1; Duration=300;"),
+                    jx::Value("[BB HW RPM] XO_Shutdown=[0%,1200]; VDD_Min=[0%,0];"),
+                    jx::Value("[BB HW APPS] Sleep=4; CXO_Shutdown=[90%,55];"),
+                    jx::Value("[BB HW Peripherals] USB=[1,2,10%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];")};
+    std::vector<std::string> args{"defaults", "write", "JXTestBundleLogger", "-dict"};
+    ASSERT_EQ(ctl(args), 2);  // pairs only: the lines go in through the preferences file below
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(
+        root("/var/mobile/Library/Preferences/com.brindle.joulix.plist"),
+        [&] {
+            auto prefs = *jx::readPropertyListFile(root("/var/mobile/Library/Preferences/com.brindle.joulix.plist"));
+            jx::Dictionary d = *prefs.asDictionary();
+            d["JXTestBundleLogger"] = jx::Value(jx::Dictionary{{"Lines", jx::Value(lines)}});
+            return jx::Value(d);
+        }()));
+    fs::create_directories(root("/usr/lib/joulix/Frameworks"));
+    fs::copy_file(JOULIX_LARKIN_COMPOSE, root("/usr/lib/joulix/Frameworks/LarkinCompose.so"));
+
+    auto d = daemon("@2026-11-21 10:00:57 x10");
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    const std::string metrics = "/var/mobile/Library/Logs/Metrics/metrics.jsonl";
+    // A steady stream of samples until two rolls have been analysed.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(90);
+    while (occurrences(d->err(), "BBPowerTool -- Execution Complete") < 2 && std::chrono::steady_clock::now() < deadline) {
+        d->signal(SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_GE(occurrences(d->err(), "BBPowerTool -- Execution Complete"), 2u) << d->err().substr(0, 4000);
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
+
+    // Each run took the log its roll had just closed: the second newest, after the new current log.
+    const auto rolled = names(kFaultkeeper, ".joulix");
+    ASSERT_GE(rolled.size(), 3u);
+    const std::string err = d->err();
+    EXPECT_NE(err.find("BBPowerTool -- Power Log of Interest: " + root(kFaultkeeper + "/" + rolled[0])), std::string::npos) << err;
+    EXPECT_NE(err.find("BBPowerTool -- Power Log of Interest: " + root(kFaultkeeper + "/" + rolled[1])), std::string::npos) << err;
+    EXPECT_NE(err.find("BBPowerTool -- Calcualte ARM Utility Values"), std::string::npos);
+    const std::size_t runs = occurrences(err, "BBPowerTool -- Execution Complete");
+    EXPECT_EQ(occurrences(root.readFile(metrics), "\"component\":31,\"metric\":2031617"), runs) << root.readFile(metrics);
+    std::size_t reports = 0;
+    for ([[maybe_unused]] auto& e : fs::directory_iterator(root("/var/mobile/Library/Logs/Larkin"))) ++reports;
+    EXPECT_EQ(reports, runs);
 }
 
 }  // namespace
