@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "platform/Compression.h"
+#include "tests/support/PrivateBus.h"
 
 namespace {
 
@@ -68,28 +69,13 @@ void BM_Gzip9Command(benchmark::State& state) {
 }
 BENCHMARK(BM_Gzip9Command)->Unit(benchmark::kMillisecond)->Iterations(5);
 
-pid_t spawn(std::vector<std::string> argv) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 1);
-        dup2(null, 2);
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bench", 1);
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
 // From the unlink of the current log to the moment its replacement exists.
 void BM_DeletedLogRecreated(benchmark::State& state) {
     char pattern[] = "/tmp/joulix-watch-bench-XXXXXX";
     const std::string root = mkdtemp(pattern);
     const std::string log = root + "/var/mobile/Library/Logs/CurrentJoulix.joulix";
-    pid_t daemon = spawn({JOULIX_BIN_DIR "/joulix", "--root", root});
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bench", 1);
+    pid_t daemon = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulix", "--root", root});
     while (access(log.c_str(), F_OK) != 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // set-up, watch armed
     for (auto _ : state) {

@@ -71,21 +71,6 @@ std::size_t countIn(const std::string& path, const std::string& what) {
     return n;
 }
 
-pid_t spawn(std::vector<std::string> argv) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 1);
-        dup2(null, 2);
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
 // The whole way a user's request goes: a new joulixctl process posts, the bus
 // delivers, the daemon's run loop calls the handler and the writer writes.
 void BM_CtlStatusToDaemonLogEntry(benchmark::State& state) {
@@ -97,14 +82,14 @@ void BM_CtlStatusToDaemonLogEntry(benchmark::State& state) {
     char pattern[] = "/tmp/joulix-notify-bench-XXXXXX";
     std::string root = mkdtemp(pattern);
     std::string log = root + "/var/mobile/Library/Logs/CurrentJoulix.joulix";
-    pid_t daemon = spawn({JOULIX_BIN_DIR "/joulix", "--root", root});
+    pid_t daemon = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulix", "--root", root});
     // Up once the log has its header and the booting state.
     while (countIn(log, "state=booting;") == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // set-up ends after the first entries
 
     std::size_t seen = 0;
     for (auto _ : state) {
-        pid_t ctl = spawn({JOULIX_BIN_DIR "/joulixctl", "--root", root, "status"});
+        pid_t ctl = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulixctl", "--root", root, "status"});
         ++seen;
         while (countIn(log, "state=statusRequested;") < seen) std::this_thread::sleep_for(std::chrono::microseconds(100));
         state.PauseTiming();

@@ -30,6 +30,13 @@ inline std::string slurp(const std::string& path) {
     return s.str();
 }
 
+// How often a text holds a piece of text.
+inline std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
 class Process {
 public:
     Process(std::vector<std::string> argv, const std::string& outputPrefix,

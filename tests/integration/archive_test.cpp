@@ -15,18 +15,13 @@ namespace {
 namespace fs = std::filesystem;
 using jxtest::Process;
 using jxtest::binary;
+using jxtest::occurrences;
 using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
 const std::string kFaultkeeper = "/var/mobile/Library/Logs/Faultkeeper";
 const std::string kArchive = "/var/mobile/Library/Logs/JXArchive";
 const std::string kFakeTime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
-
-std::size_t occurrences(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
 
 // A local time a whole number of days from now, three seconds before a minute ends.
 std::string fakeStart(int days) {

@@ -13,15 +13,10 @@ namespace {
 namespace fs = std::filesystem;
 using jxtest::Process;
 using jxtest::binary;
+using jxtest::occurrences;
 using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
-
-std::size_t occurrences(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
 
 // The end of a long text, where the reason for a failure is.
 std::string tail(const std::string& text) { return text.size() > 3000 ? text.substr(text.size() - 3000) : text; }

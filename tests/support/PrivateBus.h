@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace jxtest {
 
@@ -67,5 +68,22 @@ private:
     std::string dir_;
     std::string address_;
 };
+
+// Starts a program with its output thrown away (for benchmarks that run the
+// binaries); the system bus is the private one when one is up.
+inline pid_t spawnQuiet(std::vector<std::string> argv) {
+    pid_t pid = fork();
+    if (pid == 0) {
+        int null = open("/dev/null", O_RDWR);
+        dup2(null, 1);
+        dup2(null, 2);
+        std::vector<char*> args;
+        for (auto& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
+}
 
 }  // namespace jxtest
