@@ -18,7 +18,7 @@ cmake --install build --prefix "$sdk/usr" >/dev/null
 # shellcheck disable=SC2046
 c++ -std=c++20 -shared -fPIC -fvisibility=hidden -Wall -Wextra -Werror plugins/examples/JXLoadAverageLogger.cpp \
   $(PKG_CONFIG_PATH="$sdk/usr/lib/pkgconfig" pkg-config --cflags --libs joulix-plugin) -o "$sdk/JXLoadAverageLogger.bundle"
-nm -D --defined-only "$sdk/JXLoadAverageLogger.bundle" | grep -q ' JXPrincipalClass$'
+nm -D --defined-only "$sdk/JXLoadAverageLogger.bundle" | grep ' JXPrincipalClass$' >/dev/null  # not -q: nm must not meet a closed pipe
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
