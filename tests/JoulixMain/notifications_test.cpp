@@ -28,6 +28,8 @@ protected:
             });
     }
     void TearDown() override {
+        // A log-file check may still hold the controller: let it end before the test does.
+        JXUtilities::sharedDispatchQueue().sync([] {});
         jx::NotificationCenter::defaultCenter().removeObserver(this);
         JXUtilities::setSharedJXRunLoop(nullptr);
     }
