@@ -20,12 +20,21 @@
 #include "platform/SystemLog.h"
 
 namespace {
-std::mutex gMutex;
-std::shared_ptr<jx::RunLoop> gRunLoop;
-std::thread::id gRunThread;
-std::shared_ptr<JXEntry> gLoggerList;
-std::optional<std::string> gProcessNameOverride;
-JXUtilities::TimeSnapshot gSnapshot;
+
+// The library's shared state, never destroyed: queue threads and the signal thread
+// may still read it while the process exits.
+struct SharedState {
+    std::mutex mutex;
+    std::shared_ptr<jx::RunLoop> runLoop;
+    std::thread::id runThread;
+    std::shared_ptr<JXEntry> loggerList;
+    std::optional<std::string> processNameOverride;
+    JXUtilities::TimeSnapshot snapshot;
+};
+SharedState& state() {
+    static SharedState* s = new SharedState;
+    return *s;
+}
 
 std::string unquote(std::string v) {
     if (v.size() >= 2 && (v.front() == '"' || v.front() == '\'') && v.back() == v.front())
@@ -79,15 +88,15 @@ std::string JXUtilities::lookUpUserName(uid_t uid) {
 
 std::string JXUtilities::processName() {
     {
-        std::lock_guard lock(gMutex);
-        if (gProcessNameOverride) return *gProcessNameOverride;
+        std::lock_guard lock(state().mutex);
+        if (state().processNameOverride) return *state().processNameOverride;
     }
     return program_invocation_short_name;
 }
 
 void JXUtilities::setProcessNameForTesting(std::optional<std::string> name) {
-    std::lock_guard lock(gMutex);
-    gProcessNameOverride = std::move(name);
+    std::lock_guard lock(state().mutex);
+    state().processNameOverride = std::move(name);
 }
 
 std::string JXUtilities::UUIDString() {
@@ -175,48 +184,48 @@ void JXUtilities::setSharedJXRunLoop(std::shared_ptr<jx::RunLoop> loop) {
     // The shared loop always holds the port through which other threads hand it
     // work (notification callbacks, stop requests), so it is never without a source.
     if (loop) loop->setKeepAlive(true);
-    std::lock_guard lock(gMutex);
-    gRunLoop = std::move(loop);
+    std::lock_guard lock(state().mutex);
+    state().runLoop = std::move(loop);
 }
 
 std::shared_ptr<jx::RunLoop> JXUtilities::sharedJXRunLoop() {
-    std::lock_guard lock(gMutex);
-    return gRunLoop;
+    std::lock_guard lock(state().mutex);
+    return state().runLoop;
 }
 
 void JXUtilities::setSharedJXThread(std::thread::id thread) {
-    std::lock_guard lock(gMutex);
-    gRunThread = thread;
+    std::lock_guard lock(state().mutex);
+    state().runThread = thread;
 }
 
 std::thread::id JXUtilities::sharedJXThread() {
-    std::lock_guard lock(gMutex);
-    return gRunThread;
+    std::lock_guard lock(state().mutex);
+    return state().runThread;
 }
 
 void JXUtilities::sharedTimeSnapshotInit() {
     timespec mono{};
     clock_gettime(CLOCK_MONOTONIC, &mono);
-    std::lock_guard lock(gMutex);
-    gSnapshot.wallClock = jx::Date::now();
-    gSnapshot.monotonicSeconds = static_cast<double>(mono.tv_sec) + mono.tv_nsec / 1e9;
+    std::lock_guard lock(state().mutex);
+    state().snapshot.wallClock = jx::Date::now();
+    state().snapshot.monotonicSeconds = static_cast<double>(mono.tv_sec) + mono.tv_nsec / 1e9;
 }
 
 JXUtilities::TimeSnapshot JXUtilities::sharedTimeSnapshot() {
-    std::lock_guard lock(gMutex);
-    return gSnapshot;
+    std::lock_guard lock(state().mutex);
+    return state().snapshot;
 }
 
 void JXUtilities::linkLoggerList(std::shared_ptr<JXEntry> list) {
-    std::lock_guard lock(gMutex);
-    gLoggerList = std::move(list);
+    std::lock_guard lock(state().mutex);
+    state().loggerList = std::move(list);
 }
 
 std::shared_ptr<JXLogger> JXUtilities::getLoggerForName(const std::string& name) {
     std::shared_ptr<JXEntry> list;
     {
-        std::lock_guard lock(gMutex);
-        list = gLoggerList;
+        std::lock_guard lock(state().mutex);
+        list = state().loggerList;
     }
     if (!list) return nullptr;
     auto v = list->objectForKey(name);
