@@ -111,6 +111,15 @@ void JoulixMain::logDirectoryEventForFileDescriptor(const std::shared_ptr<jx::Fi
     // Queued behind the handler: it reads its event first, then the watch is built afresh.
     watchCrashReportDirectories(false);
     watchCrashReportDirectories(true);
+    // Whatever happened between the handler's read and the new watch raised no event:
+    // look once more, so that a log deleted in that moment is not missed.
+    JXUtilities::sharedDispatchQueue().async([self = shared_from_this()] {
+        std::optional<std::string> missing;
+        if (!self->doesFileAtPathExist(jx::rootPath(kJXCurrentLogPath))) missing = jx::rootPath(kJXCurrentLogPath);
+        else if (self->linkedLogPath && !self->doesFileAtPathExist(*self->linkedLogPath) && self->shouldLinkToFaultkeeper())
+            missing = self->linkedLogPath;
+        if (missing) self->restartLoggingForMissing(*missing);
+    });
 }
 
 void JoulixMain::handleDirectoryEvent(const jx::FileDescriptor& descriptor) {
@@ -129,15 +138,17 @@ void JoulixMain::handleDirectoryEvent(const jx::FileDescriptor& descriptor) {
     } else {
         path = jx::rootPath(kJXCurrentLogPath);
     }
-    if (path && !doesFileAtPathExist(*path)) {
-        startLoggingToFile();
-        // Queued behind the restart, so that the entry lands in the log it re-creates
-        // rather than in the stream of the one that is gone.
-        JXUtilities::sharedDispatchQueue().async([path] {
-            JXLogWriter::sharedWriter().logEntry(
-                "Log", jx::formatString(" state=LogDirectoryEvent logPath=%s exists=%s", path->c_str(), "FAIL"));
-        });
-    }
+    if (path && !doesFileAtPathExist(*path)) restartLoggingForMissing(*path);
+}
+
+void JoulixMain::restartLoggingForMissing(const std::string& path) {
+    startLoggingToFile();
+    // Queued behind the restart, so that the entry lands in the log it re-creates
+    // rather than in the stream of the one that is gone.
+    JXUtilities::sharedDispatchQueue().async([path] {
+        JXLogWriter::sharedWriter().logEntry(
+            "Log", jx::formatString(" state=LogDirectoryEvent logPath=%s exists=%s", path.c_str(), "FAIL"));
+    });
 }
 
 bool JoulixMain::isFileDescripterMultiLinked(FILE* file) {
