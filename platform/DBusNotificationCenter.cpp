@@ -5,7 +5,11 @@
 // the observing connection belongs to one run loop, whose thread reads it and
 // calls the observers. The bus filters by name (one match rule per observed
 // name), so a process is not woken by notifications it does not observe.
+#include <sys/timerfd.h>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 #include <atomic>
 #include <cstring>
@@ -80,27 +84,23 @@ public:
                      std::shared_ptr<RunLoop> loop) override {
         if (!loop) loop = RunLoop::current();
         std::lock_guard lock(mutex_);
-        if (!bus_) {
-            bus_ = openSystemBus();
-            if (!bus_) return false;
-            home_ = loop;
-            source_ = home_->addSource(sd_bus_get_fd(bus_.get()), [this] { serve(); });
-        }
-        if (!matches_.count(name)) {
-            sd_bus_slot* slot = nullptr;
-            // Synchronous: once it returns the bus delivers the name to us.
-            int r = sd_bus_add_match(bus_.get(), &slot, matchRule(name).c_str(), onSignal, this);
-            if (r < 0) {
-                systemLogf(kLogError, "could not observe %s on the system bus: %s", name.c_str(), strerror(-r));
+        if (!home_) home_ = loop;
+        // While a lost bus is being retried, the observation waits for the new connection.
+        if (!bus_ && !retrySource_) {
+            Bus bus = openSystemBus();
+            if (!bus || !attachLocked(std::move(bus))) {
                 if (observers_.empty()) closeLocked();
                 return false;
             }
-            matches_[name] = Slot(slot);
+        }
+        if (bus_ && !matches_.count(name) && !addMatchLocked(name)) {
+            if (observers_.empty()) closeLocked();
+            return false;
         }
         observers_.push_back(Observer{nextId_++, observer, name, std::make_shared<Callback>(std::move(callback)), loop});
         // The synchronous call may have read messages off the socket already; they
         // wait in the connection, not in the socket, so nothing would wake the loop.
-        home_->perform([this] { serve(); });
+        if (bus_) home_->perform([this] { serve(); });
         return true;
     }
 
@@ -122,6 +122,80 @@ private:
         std::shared_ptr<RunLoop> loop;
     };
 
+    static constexpr int kFirstRetrySeconds = 1;
+    static constexpr int kLastRetrySeconds = 300;
+
+    // Serves a connection on the home loop; the match rules are added by the caller.
+    bool attachLocked(Bus bus) {
+        bus_ = std::move(bus);
+        source_ = home_->addSource(sd_bus_get_fd(bus_.get()), [this] { serve(); });
+        return source_ != 0;
+    }
+
+    bool addMatchLocked(const std::string& name) {
+        sd_bus_slot* slot = nullptr;
+        // Synchronous: once it returns the bus delivers the name to us.
+        int r = sd_bus_add_match(bus_.get(), &slot, matchRule(name).c_str(), onSignal, this);
+        if (r < 0) {
+            systemLogf(kLogError, "could not observe %s on the system bus: %s", name.c_str(), strerror(-r));
+            return false;
+        }
+        matches_[name] = Slot(slot);
+        return true;
+    }
+
+    void detachLocked() {
+        if (home_ && source_) home_->removeSource(source_);
+        source_ = 0;
+        matches_.clear();
+        bus_.reset();
+        received_.clear();
+    }
+
+    // A lost bus is tried again after 1 s, then after twice as long each time, up
+    // to five minutes; each failed try says so, so the log grows slower and slower.
+    void scheduleRetryLocked() {
+        if (!retryTimer_.valid()) {
+            retryTimer_.reset(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+            if (!retryTimer_.valid()) return;
+            retrySource_ = home_->addSource(retryTimer_.get(), [this] { retry(); });
+        }
+        itimerspec due{};
+        due.it_value.tv_sec = retrySeconds_;
+        ::timerfd_settime(retryTimer_.get(), 0, &due, nullptr);
+    }
+
+    void cancelRetryLocked() {
+        if (home_ && retrySource_) home_->removeSource(retrySource_);
+        retrySource_ = 0;
+        retryTimer_.reset();
+        retrySeconds_ = kFirstRetrySeconds;
+    }
+
+    void retry() {
+        std::lock_guard lock(mutex_);
+        std::uint64_t expirations = 0;
+        if (::read(retryTimer_.get(), &expirations, sizeof expirations) <= 0 || bus_ || observers_.empty()) return;
+        sd_bus* raw = nullptr;
+        int r = sd_bus_open_system(&raw);
+        Bus bus(raw);
+        if (r >= 0 && attachLocked(std::move(bus))) {
+            bool all = true;
+            for (auto& o : observers_)
+                if (!matches_.count(o.name)) all &= addMatchLocked(o.name);
+            if (all) {
+                systemLog(kLogNotice, "the system bus is back: system-wide notifications are on again");
+                cancelRetryLocked();
+                home_->perform([this] { serve(); });
+                return;
+            }
+            detachLocked();
+        }
+        retrySeconds_ = std::min(retrySeconds_ * 2, kLastRetrySeconds);
+        systemLogf(kLogError, "the system bus is still not there: next try in %d s", retrySeconds_);
+        scheduleRetryLocked();
+    }
+
     static int onSignal(sd_bus_message* m, void* userdata, sd_bus_error*) {
         const char* name = nullptr;
         if (sd_bus_message_read(m, "s", &name) >= 0 && name)
@@ -139,9 +213,9 @@ private:
             for (;;) {
                 int r = sd_bus_process(bus_.get(), nullptr);
                 if (r < 0) {
-                    systemLogf(kLogError, "lost the system bus (%s): system-wide notifications are off", strerror(-r));
-                    observers_.clear();
-                    closeLocked();
+                    systemLogf(kLogError, "lost the system bus (%s): trying again in %d s", strerror(-r), retrySeconds_);
+                    detachLocked();
+                    scheduleRetryLocked();
                     break;
                 }
                 if (r == 0) break;
@@ -179,12 +253,9 @@ private:
     }
 
     void closeLocked() {
-        if (home_ && source_) home_->removeSource(source_);
-        matches_.clear();
-        bus_.reset();
+        detachLocked();
+        cancelRetryLocked();
         home_.reset();
-        source_ = 0;
-        received_.clear();
     }
 
     std::mutex postMutex_;
@@ -199,6 +270,9 @@ private:
     std::vector<Observer> observers_;
     std::vector<std::string> received_;
     std::uint64_t nextId_ = 1;
+    FileDescriptor retryTimer_;
+    RunLoop::SourceId retrySource_ = 0;
+    int retrySeconds_ = kFirstRetrySeconds;
 };
 
 std::atomic<SystemNotificationCenter*> gOverride{nullptr};

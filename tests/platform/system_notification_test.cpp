@@ -139,6 +139,27 @@ TEST_F(SystemNotificationTest, ACallbackMayRemoveItsObserverAndTheOtherIsNotCall
     runThread.run([&] { center.removeObserver(&a, "com.example.Probe"); });
 }
 
+TEST_F(SystemNotificationTest, ObserversComeBackWithARestartedBus) {
+    jxtest::LogCapture log;
+    LoopThread runThread;
+    std::atomic<int> calls{0};
+    int a = 0;
+    runThread.run([&] {
+        ASSERT_TRUE(center.addObserver(&a, "com.example.Again",
+                                       [&](Center*, void*, const std::string&, const void*, const jx::Value&) { ++calls; }));
+    });
+    ASSERT_TRUE(center.post("com.example.Again"));
+    ASSERT_TRUE(jxtest::waitFor([&] { return calls.load() == 1; }));
+
+    ASSERT_TRUE(bus.restart());
+    ASSERT_TRUE(jxtest::waitFor([&] { return log.countContaining("lost the system bus") == 1; }));
+    // Reconnected after the first retry: the observation is in place again.
+    ASSERT_TRUE(jxtest::waitFor([&] { return log.countContaining("the system bus is back") == 1; }));
+    ASSERT_TRUE(center.post("com.example.Again"));
+    EXPECT_TRUE(jxtest::waitFor([&] { return calls.load() == 2; }));
+    runThread.run([&] { center.removeObserver(&a, "com.example.Again"); });
+}
+
 TEST(SystemNotificationNoBus, PostingAndObservingAnswerNoAndSayItOnce) {
     jxtest::LogCapture log;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus", 1);

@@ -24,6 +24,40 @@ public:
         char pattern[] = "/tmp/joulix-bus-XXXXXX";
         if (!mkdtemp(pattern)) return;
         dir_ = pattern;
+        if (!start()) return;
+        address_ = "unix:path=" + dir_ + "/bus";
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+    }
+    ~PrivateBus() {
+        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+        stop();
+        if (!dir_.empty()) {
+            std::error_code ec;
+            std::filesystem::remove_all(dir_, ec);
+        }
+    }
+    // The bus goes away and comes back at the same address, as a restarted system bus does.
+    bool restart() {
+        stop();
+        return start();
+    }
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+    // NO when dbus-daemon is not installed or did not start: the test should skip.
+    bool available() const { return !address_.empty(); }
+    const std::string& address() const { return address_; }
+
+private:
+    void stop() {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+        ::unlink((dir_ + "/bus").c_str());
+    }
+    bool start() {
         const std::string socket = dir_ + "/bus";
         const std::string listen = "--address=unix:path=" + socket;
         pid_ = fork();
@@ -35,35 +69,16 @@ public:
                   static_cast<char*>(nullptr));
             _exit(127);
         }
-        if (pid_ < 0) return;
+        if (pid_ < 0) return false;
         // The socket appears once the daemon listens.
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (access(socket.c_str(), F_OK) != 0) {
-            if (std::chrono::steady_clock::now() > deadline) return;
+            if (std::chrono::steady_clock::now() > deadline) return false;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        address_ = "unix:path=" + socket;
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+        return true;
     }
-    ~PrivateBus() {
-        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (!dir_.empty()) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir_, ec);
-        }
-    }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
 
-    // NO when dbus-daemon is not installed or did not start: the test should skip.
-    bool available() const { return !address_.empty(); }
-    const std::string& address() const { return address_; }
-
-private:
     pid_t pid_ = -1;
     std::string dir_;
     std::string address_;
