@@ -1,0 +1,133 @@
+// The loggers built into the controller library. Each reads the kernel's own
+// interfaces under the directories it is given (the real /sys, /proc and /etc by
+// default, never under the daemon's root: the root relocates the daemon's files,
+// not the device), and writes its entries through the shared writer.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/JXLogger.h"
+#include "platform/KernelFiles.h"
+#include "platform/LoggerTimer.h"
+
+// "[Config]": device model, kernel, OS build, CPU and memory. Written whenever
+// the logger is triggered; none of it changes while the device runs.
+class JXConfigLogger : public JXLogger {
+public:
+    explicit JXConfigLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc", std::string etcRoot = "/etc");
+
+protected:
+    void logSample() override;
+
+private:
+    std::string sys_, proc_, etc_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Locale]": the locale and the time zone the daemon runs with.
+class JXLocaleLogger : public JXLogger {
+public:
+    JXLocaleLogger();
+
+protected:
+    void logSample() override;
+};
+
+// "[Settings]": the daemon's settings in force, each key of its domain with the
+// value it has now (stored, else managed, else registered default).
+class JXSettingsLogger : public JXLogger {
+public:
+    JXSettingsLogger();
+
+protected:
+    void logSample() override;
+};
+
+// "[Process]": the processes that used the most CPU time since the last sample,
+// one entry each, the largest first.
+class JXProcessMonitorLogger : public JXSamplingLogger {
+public:
+    explicit JXProcessMonitorLogger(std::string procRoot = "/proc");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    struct Seen {
+        unsigned long long start = 0;             // start time: a reused pid is another process
+        unsigned long long user = 0, system = 0;  // clock ticks used so far
+    };
+    void writeTopConsumers();
+    std::string proc_;
+    std::map<int, Seen> seen_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Network]": each interface's byte and packet counters.
+class JXNetworkLogger : public JXSamplingLogger {
+public:
+    explicit JXNetworkLogger(std::string procRoot = "/proc");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string proc_;
+    std::map<std::string, std::vector<unsigned long long>> last_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Battery]" for every battery and "[Charger]" for every charger of the power
+// supply class.
+class JXBatteryLogger : public JXSamplingLogger {
+public:
+    explicit JXBatteryLogger(std::string sysRoot = "/sys");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string sys_;
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Display] active=YES|NO; brightness=…;" from the backlights and the DRM
+// connectors.
+class JXDisplayLogger : public JXSamplingLogger {
+public:
+    explicit JXDisplayLogger(std::string sysRoot = "/sys");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string sys_;
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};
+
+// "[WiFi]": each wireless interface's link, signal and link quality.
+class JXWiFiLogger : public JXSamplingLogger {
+public:
+    explicit JXWiFiLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string sys_, proc_;
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};
