@@ -1,6 +1,8 @@
 // The built-in loggers in the real daemon, reading this machine's own kernel files.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/integration/Process.h"
 #include "tests/support/TestSupport.h"
 
@@ -23,6 +25,26 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
          {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger", "JXNetworkLogger"}) {
         EXPECT_NE(p.err().find(std::string("setting up core logger ") + logger), std::string::npos) << logger;
         EXPECT_EQ(p.err().find(std::string("Could not find ") + logger), std::string::npos) << logger;
+    }
+    // A device this machine lacks gives no entry and at most one line of the system log.
+    const struct {
+        const char* logger;
+        const char* entry;
+        const char* path;
+    } devices[] = {
+        {"JXBatteryLogger", "[Battery]", "/sys/class/power_supply"},
+        {"JXDisplayLogger", "[Display]", "/sys/class/backlight"},
+    };
+    for (const auto& d : devices) {
+        EXPECT_NE(p.err().find(std::string("setting up core logger ") + d.logger), std::string::npos) << d.logger;
+        std::size_t said = 0;
+        for (std::size_t at = p.err().find(std::string(d.logger) + ": "); at != std::string::npos;
+             at = p.err().find(std::string(d.logger) + ": ", at + 1))
+            ++said;
+        EXPECT_LE(said, 1u) << d.logger;
+        std::error_code ec;
+        if (!std::filesystem::is_empty(d.path, ec) && !ec) continue;  // the machine has one after all
+        EXPECT_EQ(log.find(d.entry), std::string::npos) << log;
     }
 }
 
