@@ -116,7 +116,7 @@ private:
     jx::SaidOnce nothing_;
 };
 
-// "[WiFi]": each wireless interface's link, signal and link quality.
+// "[WiFi]": each wireless interface's link, link quality, signal and noise.
 class JXWiFiLogger : public JXSamplingLogger {
 public:
     explicit JXWiFiLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc");
@@ -126,8 +126,12 @@ protected:
     void logSample() override;
 
 private:
+    struct Reading {
+        bool link = false;
+        std::vector<long> statistics;  // quality, signal (dBm), noise (dBm); empty without a link
+    };
     void write(bool everything);
     std::string sys_, proc_;
-    std::string lastState_;
+    std::map<std::string, Reading> last_;  // what the log last says of each interface
     jx::SaidOnce nothing_;
 };

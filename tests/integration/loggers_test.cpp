@@ -34,6 +34,7 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
     } devices[] = {
         {"JXBatteryLogger", "[Battery]", "/sys/class/power_supply"},
         {"JXDisplayLogger", "[Display]", "/sys/class/backlight"},
+        {"JXWiFiLogger", "[WiFi]", "/sys/class/ieee80211"},
     };
     for (const auto& d : devices) {
         EXPECT_NE(p.err().find(std::string("setting up core logger ") + d.logger), std::string::npos) << d.logger;
