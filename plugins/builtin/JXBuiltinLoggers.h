@@ -5,9 +5,11 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/FileDescriptor.h"
 #include "platform/JXLogger.h"
 #include "platform/KernelFiles.h"
 #include "platform/LoggerTimer.h"
@@ -133,5 +135,41 @@ private:
     void write(bool everything);
     std::string sys_, proc_;
     std::map<std::string, Reading> last_;  // what the log last says of each interface
+    jx::SaidOnce nothing_;
+};
+
+// "[Sleep] event=did_sleep;" as the device goes to sleep and "[Wake] reason=…;"
+// as it wakes, naming the wake-up source the kernel counted. It follows the login
+// manager's PrepareForSleep signal over the system bus, holding a delay lock so
+// that the sleep is in the log before the device sleeps; without a login manager,
+// the kernel's count of suspends, looked at on its timer.
+class JXSleepWakeLogger : public JXSamplingLogger {
+public:
+    explicit JXSleepWakeLogger(std::string sysRoot = "/sys");
+    ~JXSleepWakeLogger() override;
+    // A tick without the login manager: a suspend counted since the last look.
+    void logChanges() override;
+    // What the login manager said: about to sleep (YES) or resumed (NO).
+    void prepareForSleep(bool start);
+    // Keeps the delay lock the login manager handed out until the next sleep is logged.
+    void holdInhibitor(jx::FileDescriptor lock);
+    // Whether the login manager's signal is what the logger follows.
+    bool followsLoginManager() const { return watch_ != nullptr; }
+
+    class BusWatch;
+
+protected:
+    // Starts watching on the first call; the sleeps themselves are events.
+    void logSample() override;
+
+private:
+    std::map<std::string, long long> wakeupCounts() const;
+    void writeWake();
+    std::string sys_;
+    std::unique_ptr<BusWatch> watch_;
+    bool started_ = false;
+    std::optional<long long> suspends_;        // the kernel's count when last looked at
+    std::map<std::string, long long> before_;  // each wake-up source's count before the sleep
+    jx::FileDescriptor inhibitor_;
     jx::SaidOnce nothing_;
 };

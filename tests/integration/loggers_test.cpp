@@ -35,6 +35,7 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
         {"JXBatteryLogger", "[Battery]", "/sys/class/power_supply"},
         {"JXDisplayLogger", "[Display]", "/sys/class/backlight"},
         {"JXWiFiLogger", "[WiFi]", "/sys/class/ieee80211"},
+        {"JXSleepWakeLogger", "[Sleep]", "/sys/power/suspend_stats"},
     };
     for (const auto& d : devices) {
         EXPECT_NE(p.err().find(std::string("setting up core logger ") + d.logger), std::string::npos) << d.logger;

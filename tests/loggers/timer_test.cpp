@@ -90,8 +90,9 @@ TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsI
 }
 
 TEST(BuiltinLoggersTest, AreClassesTheControllerFindsByName) {
-    for (const char* name : {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger",
-                             "JXNetworkLogger", "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger"}) {
+    for (const char* name :
+         {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger", "JXNetworkLogger",
+          "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger", "JXSleepWakeLogger"}) {
         JXLoggerClass* c = JXClassRegistry::lookUpClass(name);
         ASSERT_TRUE(c) << name;
         std::shared_ptr<JXLogger> logger = c->logger();
