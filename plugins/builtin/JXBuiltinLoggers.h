@@ -173,3 +173,24 @@ private:
     jx::FileDescriptor inhibitor_;
     jx::SaidOnce nothing_;
 };
+
+// "[Telephony]" for every modem the modem manager knows on the system bus: its
+// state, signal, access technology, whether a call is under way and whether its
+// radio is off (airplane mode). Sampled on its timer; a tick writes a change.
+class JXTelephonyLogger : public JXSamplingLogger {
+public:
+    JXTelephonyLogger();
+    ~JXTelephonyLogger() override;
+    void logChanges() override;
+
+    struct Bus;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::unique_ptr<Bus> bus_;  // used on the logger's queue only
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};

@@ -36,6 +36,7 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
         {"JXDisplayLogger", "[Display]", "/sys/class/backlight"},
         {"JXWiFiLogger", "[WiFi]", "/sys/class/ieee80211"},
         {"JXSleepWakeLogger", "[Sleep]", "/sys/power/suspend_stats"},
+        {"JXTelephonyLogger", "[Telephony]", "/nonexistent/joulix-bus"},  // the run's bus: none
     };
     for (const auto& d : devices) {
         EXPECT_NE(p.err().find(std::string("setting up core logger ") + d.logger), std::string::npos) << d.logger;

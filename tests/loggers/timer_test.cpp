@@ -92,7 +92,7 @@ TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsI
 TEST(BuiltinLoggersTest, AreClassesTheControllerFindsByName) {
     for (const char* name :
          {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger", "JXNetworkLogger",
-          "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger", "JXSleepWakeLogger"}) {
+          "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger", "JXSleepWakeLogger", "JXTelephonyLogger"}) {
         JXLoggerClass* c = JXClassRegistry::lookUpClass(name);
         ASSERT_TRUE(c) << name;
         std::shared_ptr<JXLogger> logger = c->logger();
