@@ -149,6 +149,8 @@ private:
     void startLoggingToFileWork();
     // Reads and handles one directory event, on the shared queue.
     void handleDirectoryEvent(const jx::FileDescriptor& descriptor);
+    // Logging starts again in a new file, and the log says why.
+    void restartDeletedLog(const std::string& path);
     // One post-processing run over the crash-report directory, on the archive queue.
     void runBasebandPostProcessing();
 

@@ -111,6 +111,13 @@ void JoulixMain::logDirectoryEventForFileDescriptor(const std::shared_ptr<jx::Fi
     // Queued behind the handler: it reads its event first, then the watch is built afresh.
     watchCrashReportDirectories(false);
     watchCrashReportDirectories(true);
+    // A log deleted while the watch was rebuilt has no event of its own: the log is
+    // looked at once more, behind the handler and any restart it began.
+    JXUtilities::sharedDispatchQueue().async([self = shared_from_this()] {
+        const std::string current = jx::rootPath(kJXCurrentLogPath);
+        if (self->logToFile() && self->logFile && self->logFile != stdout && !self->doesFileAtPathExist(current))
+            self->restartDeletedLog(current);
+    });
 }
 
 void JoulixMain::handleDirectoryEvent(const jx::FileDescriptor& descriptor) {
@@ -129,15 +136,17 @@ void JoulixMain::handleDirectoryEvent(const jx::FileDescriptor& descriptor) {
     } else {
         path = jx::rootPath(kJXCurrentLogPath);
     }
-    if (path && !doesFileAtPathExist(*path)) {
-        startLoggingToFile();
-        // Queued behind the restart, so that the entry lands in the log it re-creates
-        // rather than in the stream of the one that is gone.
-        JXUtilities::sharedDispatchQueue().async([path] {
-            JXLogWriter::sharedWriter().logEntry(
-                "Log", jx::formatString(" state=LogDirectoryEvent logPath=%s exists=%s", path->c_str(), "FAIL"));
-        });
-    }
+    if (path && !doesFileAtPathExist(*path)) restartDeletedLog(*path);
+}
+
+void JoulixMain::restartDeletedLog(const std::string& path) {
+    startLoggingToFile();
+    // Queued behind the restart, so that the entry lands in the log it re-creates
+    // rather than in the stream of the one that is gone.
+    JXUtilities::sharedDispatchQueue().async([path] {
+        JXLogWriter::sharedWriter().logEntry(
+            "Log", jx::formatString(" state=LogDirectoryEvent logPath=%s exists=%s", path.c_str(), "FAIL"));
+    });
 }
 
 bool JoulixMain::isFileDescripterMultiLinked(FILE* file) {
