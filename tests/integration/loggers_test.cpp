@@ -1,6 +1,8 @@
 // The built-in loggers in the real daemon, reading this machine's own kernel files.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 
 #include "tests/integration/Process.h"
@@ -49,6 +51,28 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
         if (!std::filesystem::is_empty(d.path, ec) && !ec) continue;  // the machine has one after all
         EXPECT_EQ(log.find(d.entry), std::string::npos) << log;
     }
+}
+
+TEST(LoggersIntegrationTest, TheThermalBundleLoadsInTheDaemon) {
+    jxtest::TestRoot root;
+    const std::string plugins = root("/System/Library/JoulixPlugins");
+    std::filesystem::create_directories(plugins);
+    chmod(plugins.c_str(), 0755);
+    std::filesystem::copy_file(JOULIX_BUNDLE_DIR "/JXThermalLogger.bundle", plugins + "/JXThermalLogger.bundle");
+    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    Process p({binary("joulix"), "--root", root.path(), "--log-stderr", "--once"}, root.path() + "/joulix",
+              {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}});
+    ASSERT_EQ(p.wait(), 0) << p.err();
+    EXPECT_NE(p.err().find("setting up bundle logger JXThermalLogger"), std::string::npos) << p.err();
+    EXPECT_EQ(p.err().find("Could not find JXThermalLogger"), std::string::npos) << p.err();
+    // The machine's own thermal class: entries where it has zones, else one line at most.
+    const std::string log = root.readFile("/var/mobile/Library/Logs/CurrentJoulix.joulix");
+    std::error_code ec;
+    if (std::filesystem::is_empty("/sys/class/thermal", ec) || ec) {
+        EXPECT_EQ(log.find("[Thermal]"), std::string::npos) << log;
+        EXPECT_NE(p.err().find("JXThermalLogger: no thermal zone"), std::string::npos) << p.err();
+    }
+    EXPECT_EQ(p.err().find("JXThermalLogger: no thermal zone"), p.err().rfind("JXThermalLogger: no thermal zone"));
 }
 
 }  // namespace
