@@ -72,7 +72,7 @@ public:
     bool runLoopDebugLogging() const { return runLoopDebugLogging_; }
 
     // Logging modes.
-    std::string currentLoggingModeString();
+    static std::string currentLoggingModeString();
     std::int16_t currentLoggerMode();
     std::int16_t currentRunningMode();
     void blackListTodayAsFullMode();

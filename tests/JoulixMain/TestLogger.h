@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "JoulixMain/JoulixMain.h"
 #include "platform/JXLogWriter.h"
@@ -100,3 +101,25 @@ public:
 private:
     JXLoggerClass class_;
 };
+
+// The controller's own loggers taken out of the class registry for the object's
+// life, so that a test sets up exactly the classes it registers itself.
+class HiddenBuiltinLoggers {
+public:
+    HiddenBuiltinLoggers() {
+        for (const char* name : kJXStaticLoggerList)
+            if (JXLoggerClass* c = JXClassRegistry::lookUpClass(name)) {
+                JXClassRegistry::removeClass(c);
+                hidden_.push_back(c);
+            }
+    }
+    ~HiddenBuiltinLoggers() {
+        for (JXLoggerClass* c : hidden_) JXClassRegistry::registerClass(c);
+    }
+    HiddenBuiltinLoggers(const HiddenBuiltinLoggers&) = delete;
+    HiddenBuiltinLoggers& operator=(const HiddenBuiltinLoggers&) = delete;
+
+private:
+    std::vector<JXLoggerClass*> hidden_;
+};
+

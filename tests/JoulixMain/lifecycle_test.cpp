@@ -49,6 +49,7 @@ protected:
 
     jxtest::TestRoot root;
     jxtest::LogCapture log;
+    HiddenBuiltinLoggers builtins;
     jxtest::FakeClock clock;
     jxtest::RecordingSystemCenter systemCenter;
     std::atomic<int> stoppedPosts{0};

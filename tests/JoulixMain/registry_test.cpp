@@ -36,6 +36,7 @@ protected:
 
     jxtest::TestRoot root;
     jxtest::LogCapture log;
+    HiddenBuiltinLoggers builtins;
     std::shared_ptr<JoulixMain> controller;
     std::string pluginDir;
 };

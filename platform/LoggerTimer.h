@@ -1,0 +1,66 @@
+// A logger's sampling timer: a block run on the logger's own queue once every
+// period. The period is measured on the monotonic clock: it is an interval, and
+// must neither jump with a change of the wall clock nor count time asleep twice.
+// One service thread waits on every logger's timer; no logger polls.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/JXLogger.h"
+#include "platform/SerialQueue.h"
+
+namespace jx {
+
+class LoggerTimer {
+public:
+    LoggerTimer() = default;
+    ~LoggerTimer() { cancel(); }
+    LoggerTimer(const LoggerTimer&) = delete;
+    LoggerTimer& operator=(const LoggerTimer&) = delete;
+
+    // Runs the block on the queue every `seconds` from now; 0 or less stops the
+    // timer. A tick that comes while the previous tick's block still waits on
+    // the queue is folded into it, so a slow queue never piles samples up. The
+    // queue must outlive the timer (loggers' queues live as long as the process).
+    void setPeriod(double seconds, SerialQueue& queue, std::function<void()> block);
+    // Stops the timer; a block already handed to the queue does not run.
+    void cancel();
+    double period() const { return period_; }
+    bool armed() const { return timer_ != nullptr; }
+
+    // The period a logger samples at: its per-logger setting "SamplePeriod" in
+    // seconds when that is a number of zero or more, else the default.
+    static double samplePeriodForLogger(const std::string& loggerName, double defaultSeconds);
+
+    struct Timer;
+
+private:
+    std::shared_ptr<Timer> timer_;
+    double period_ = 0;
+};
+
+}  // namespace jx
+
+// A logger that also samples on its own: each triggered sample writes its whole
+// state and (re)arms the logger's one timer from its "SamplePeriod" setting; each
+// tick of the timer writes only what changed since.
+class JXSamplingLogger : public JXLogger {
+public:
+    JXSamplingLogger(std::string name, double defaultPeriodSeconds)
+        : JXLogger(std::move(name)), defaultPeriod_(defaultPeriodSeconds) {}
+
+    // What a tick does, on the logger's queue: entries only for what changed.
+    virtual void logChanges() = 0;
+    double samplePeriod() const { return timer_.period(); }
+
+protected:
+    // Arms, re-arms (the setting changed) or stops the timer. Call it on the
+    // logger's queue; a logger not owned by a shared pointer is never ticked.
+    void keepSampling();
+
+private:
+    jx::LoggerTimer timer_;
+    double defaultPeriod_;
+};

@@ -1,0 +1,196 @@
+// The loggers built into the controller library. Each reads the kernel's own
+// interfaces under the directories it is given (the real /sys, /proc and /etc by
+// default, never under the daemon's root: the root relocates the daemon's files,
+// not the device), and writes its entries through the shared writer.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/FileDescriptor.h"
+#include "platform/JXLogger.h"
+#include "platform/KernelFiles.h"
+#include "platform/LoggerTimer.h"
+
+// "[Config]": device model, kernel, OS build, CPU and memory. Written whenever
+// the logger is triggered; none of it changes while the device runs.
+class JXConfigLogger : public JXLogger {
+public:
+    explicit JXConfigLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc", std::string etcRoot = "/etc");
+
+protected:
+    void logSample() override;
+
+private:
+    std::string sys_, proc_, etc_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Locale]": the locale and the time zone the daemon runs with.
+class JXLocaleLogger : public JXLogger {
+public:
+    JXLocaleLogger();
+
+protected:
+    void logSample() override;
+};
+
+// "[Settings]": the daemon's settings in force, each key of its domain with the
+// value it has now (stored, else managed, else registered default).
+class JXSettingsLogger : public JXLogger {
+public:
+    JXSettingsLogger();
+
+protected:
+    void logSample() override;
+};
+
+// "[Process]": the processes that used the most CPU time since the last sample,
+// one entry each, the largest first.
+class JXProcessMonitorLogger : public JXSamplingLogger {
+public:
+    explicit JXProcessMonitorLogger(std::string procRoot = "/proc");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    struct Seen {
+        unsigned long long start = 0;             // start time: a reused pid is another process
+        unsigned long long user = 0, system = 0;  // clock ticks used so far
+    };
+    void writeTopConsumers();
+    std::string proc_;
+    std::map<int, Seen> seen_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Network]": each interface's byte and packet counters.
+class JXNetworkLogger : public JXSamplingLogger {
+public:
+    explicit JXNetworkLogger(std::string procRoot = "/proc");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string proc_;
+    std::map<std::string, std::vector<unsigned long long>> last_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Battery]" for every battery and "[Charger]" for every charger of the power
+// supply class.
+class JXBatteryLogger : public JXSamplingLogger {
+public:
+    explicit JXBatteryLogger(std::string sysRoot = "/sys");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string sys_;
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Display] active=YES|NO; brightness=…;" from the backlights and the DRM
+// connectors.
+class JXDisplayLogger : public JXSamplingLogger {
+public:
+    explicit JXDisplayLogger(std::string sysRoot = "/sys");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::string sys_;
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};
+
+// "[WiFi]": each wireless interface's link, link quality, signal and noise.
+class JXWiFiLogger : public JXSamplingLogger {
+public:
+    explicit JXWiFiLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc");
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    struct Reading {
+        bool link = false;
+        std::vector<long> statistics;  // quality, signal (dBm), noise (dBm); empty without a link
+    };
+    void write(bool everything);
+    std::string sys_, proc_;
+    std::map<std::string, Reading> last_;  // what the log last says of each interface
+    jx::SaidOnce nothing_;
+};
+
+// "[Sleep] event=did_sleep;" as the device goes to sleep and "[Wake] reason=…;"
+// as it wakes, naming the wake-up source the kernel counted. It follows the login
+// manager's PrepareForSleep signal over the system bus, holding a delay lock so
+// that the sleep is in the log before the device sleeps; without a login manager,
+// the kernel's count of suspends, looked at on its timer.
+class JXSleepWakeLogger : public JXSamplingLogger {
+public:
+    explicit JXSleepWakeLogger(std::string sysRoot = "/sys");
+    ~JXSleepWakeLogger() override;
+    // A tick without the login manager: a suspend counted since the last look.
+    void logChanges() override;
+    // What the login manager said: about to sleep (YES) or resumed (NO).
+    void prepareForSleep(bool start);
+    // Keeps the delay lock the login manager handed out until the next sleep is logged.
+    void holdInhibitor(jx::FileDescriptor lock);
+    // Whether the login manager's signal is what the logger follows.
+    bool followsLoginManager() const { return watch_ != nullptr; }
+
+    class BusWatch;
+
+protected:
+    // Starts watching on the first call; the sleeps themselves are events.
+    void logSample() override;
+
+private:
+    std::map<std::string, long long> wakeupCounts() const;
+    void writeWake();
+    std::string sys_;
+    std::unique_ptr<BusWatch> watch_;
+    bool started_ = false;
+    std::optional<long long> suspends_;        // the kernel's count when last looked at
+    std::map<std::string, long long> before_;  // each wake-up source's count before the sleep
+    jx::FileDescriptor inhibitor_;
+    jx::SaidOnce nothing_;
+};
+
+// "[Telephony]" for every modem the modem manager knows on the system bus: its
+// state, signal, access technology, whether a call is under way and whether its
+// radio is off (airplane mode). Sampled on its timer; a tick writes a change.
+class JXTelephonyLogger : public JXSamplingLogger {
+public:
+    JXTelephonyLogger();
+    ~JXTelephonyLogger() override;
+    void logChanges() override;
+
+    struct Bus;
+
+protected:
+    void logSample() override;
+
+private:
+    void write(bool everything);
+    std::unique_ptr<Bus> bus_;  // used on the logger's queue only
+    std::string lastState_;
+    jx::SaidOnce nothing_;
+};

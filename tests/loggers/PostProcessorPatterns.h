@@ -1,0 +1,28 @@
+// What the post-processor reads from a written line: the row it matches and the
+// event it stores, through its own compiled table.
+#pragma once
+
+#include <string>
+
+#include "baseband/JXBasebandPostProcessing.h"
+
+class PostProcessorPatterns {
+public:
+    PostProcessorPatterns() { processor_.addSearchStringsToDictionary(table_); }
+    // The row the whole line (time stamp included) matches, "" for none.
+    std::string rowFor(const std::string& line) {
+        auto result = processor_.getMatchedResultsFor(line, table_);
+        auto it = result.find("matchedFor");
+        return it == result.end() ? std::string() : it->second;
+    }
+    // The event the line stands for, "" for none.
+    std::string eventFor(const std::string& line) {
+        JXBasebandPostProcessing::Dictionary events;
+        processor_.dispatchMatchedResult(processor_.getMatchedResultsFor(line, table_), events);
+        return events.size() == 1 ? events.begin()->second : std::string();
+    }
+
+private:
+    JXBasebandPostProcessing processor_;
+    JXBasebandPostProcessing::Dictionary table_;
+};

@@ -1,0 +1,200 @@
+// Sleep and wake: a login manager on a private system bus, and the kernel's
+// suspend statistics where there is none.
+#include <fcntl.h>
+#include <poll.h>
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "platform/FileDescriptor.h"
+#include "plugins/builtin/JXBuiltinLoggers.h"
+#include "tests/loggers/LoggerTree.h"
+#include "tests/loggers/PostProcessorPatterns.h"
+
+namespace {
+
+using jxtest::waitFor;
+
+// A login manager: owns its name, hands out delay locks (the write end of a
+// pipe, so that the test sees a lock let go as the end of the pipe) and sends
+// PrepareForSleep. The bus is used from its own thread only.
+class FakeLoginManager {
+public:
+    FakeLoginManager() {
+        sd_bus* bus = nullptr;
+        if (sd_bus_open_system(&bus) < 0) return;
+        bus_ = bus;
+        if (sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                     kVtable, this) < 0 ||
+            sd_bus_request_name(bus_, "org.freedesktop.login1", 0) < 0)
+            return;
+        ready_ = true;
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~FakeLoginManager() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        if (bus_) sd_bus_flush_close_unref(bus_);
+    }
+    bool ready() const { return ready_; }
+    void prepareForSleep(bool start) {
+        std::lock_guard lock(mutex_);
+        pending_.push_back(start);
+    }
+    int inhibitCalls() {
+        std::lock_guard lock(mutex_);
+        return static_cast<int>(locks_.size());
+    }
+    // Whether every holder of the n-th lock handed out has let it go.
+    bool released(std::size_t n) {
+        std::lock_guard lock(mutex_);
+        if (n >= locks_.size()) return false;
+        pollfd p{locks_[n].get(), POLLIN, 0};
+        return ::poll(&p, 1, 0) == 1 && (p.revents & POLLHUP);
+    }
+
+private:
+    static int onInhibit(sd_bus_message* m, void* userdata, sd_bus_error*) {
+        auto* self = static_cast<FakeLoginManager*>(userdata);
+        const char *what = nullptr, *who = nullptr, *why = nullptr, *mode = nullptr;
+        if (sd_bus_message_read(m, "ssss", &what, &who, &why, &mode) < 0) return -EINVAL;
+        if (std::string(what) != "sleep" || std::string(mode) != "delay") return -EINVAL;
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) return -errno;
+        jx::FileDescriptor readEnd(ends[0]), writeEnd(ends[1]);
+        int r = sd_bus_reply_method_return(m, "h", writeEnd.get());  // the message keeps a copy
+        std::lock_guard lock(self->mutex_);
+        self->locks_.push_back(std::move(readEnd));
+        return r;
+    }
+
+    void serve() {
+        while (!stop_) {
+            std::vector<bool> pending;
+            {
+                std::lock_guard lock(mutex_);
+                pending.swap(pending_);
+            }
+            for (bool start : pending)
+                sd_bus_emit_signal(bus_, "/org/freedesktop/login1", "org.freedesktop.login1.Manager", "PrepareForSleep",
+                                   "b", static_cast<int>(start));
+            while (sd_bus_process(bus_, nullptr) > 0) {
+            }
+            sd_bus_wait(bus_, 5000);
+        }
+    }
+
+    static constexpr sd_bus_vtable kVtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("Inhibit", "ssss", "h", onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_SIGNAL("PrepareForSleep", "b", 0),
+        SD_BUS_VTABLE_END,
+    };
+
+    sd_bus* bus_ = nullptr;
+    bool ready_ = false;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::vector<bool> pending_;
+    std::vector<jx::FileDescriptor> locks_;
+    std::thread thread_;
+};
+
+class SleepWakeTest : public LoggerTree {
+protected:
+    void source(int n, const std::string& name, long long count, long long changedMs) {
+        const std::string base = "/sys/class/wakeup/wakeup" + std::to_string(n) + "/";
+        put(base + "name", name + "\n");
+        put(base + "wakeup_count", std::to_string(count) + "\n");
+        put(base + "last_change_ms", std::to_string(changedMs) + "\n");
+    }
+    std::string stamped(const std::string& tag, std::size_t n) {
+        const std::string all = text();
+        std::size_t at = std::string::npos;
+        for (std::size_t i = 0; i <= n; ++i) at = all.find(" [" + tag + "]", at == std::string::npos ? 0 : at + 1);
+        std::size_t start = all.rfind('\n', at);
+        start = start == std::string::npos ? 0 : start + 1;
+        return all.substr(start, all.find('\n', at) - start);
+    }
+    std::shared_ptr<JXSleepWakeLogger> logger = std::make_shared<JXSleepWakeLogger>(sys());
+    PostProcessorPatterns patterns;
+};
+
+TEST_F(SleepWakeTest, FollowsTheLoginManagerAndLogsTheSleepBeforeLettingTheDeviceSleep) {
+    jxtest::PrivateBus bus;
+    if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
+    FakeLoginManager manager;
+    ASSERT_TRUE(manager.ready());
+    source(0, "rtc0", 3, 100);
+    source(1, "PNP0C0D:00", 5, 50);
+    logger->loggerSerialQueue().sync([&] { logger->log(); });
+    ASSERT_TRUE(logger->followsLoginManager());
+    EXPECT_EQ(logger->samplePeriod(), 0) << "no timer while the login manager says when";
+    ASSERT_TRUE(waitFor([&] { return manager.inhibitCalls() == 1; }));
+    EXPECT_FALSE(manager.released(0));
+
+    manager.prepareForSleep(true);
+    ASSERT_TRUE(waitFor([&] { return manager.released(0); }));
+    // Let go only once the entry is in the file.
+    EXPECT_EQ(lines("Sleep"), std::vector<std::string>{"[Sleep] event=did_sleep;"});
+    EXPECT_TRUE(lines("Wake").empty());
+
+    source(1, "PNP0C0D:00", 6, 900);  // the lid woke it
+    manager.prepareForSleep(false);
+    ASSERT_TRUE(waitFor([&] { return lines("Wake").size() == 1; }));
+    EXPECT_EQ(lines("Wake")[0], "[Wake] reason=PNP0C0D:00;");
+    ASSERT_TRUE(waitFor([&] { return manager.inhibitCalls() == 2; }));  // a lock for the next sleep
+    EXPECT_FALSE(manager.released(1));
+
+    EXPECT_EQ(patterns.rowFor(stamped("Sleep", 0)), "SleepStatusTrue");
+    EXPECT_EQ(patterns.eventFor(stamped("Sleep", 0)), "APSleepStatus=sleep");
+    EXPECT_EQ(patterns.rowFor(stamped("Wake", 0)), "WakeReason");
+    EXPECT_EQ(patterns.eventFor(stamped("Wake", 0)), "APSleepStatus=awake;reason=PNP0C0D:00");
+    logger.reset();  // stops the bus thread with the logger
+}
+
+// Without a bus: the kernel's statistics, each suspend written when the timer
+// next looks.
+class SleepWakeWithoutBusTest : public SleepWakeTest {
+protected:
+    void SetUp() override { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus", 1); }
+    void TearDown() override { unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
+};
+
+TEST_F(SleepWakeWithoutBusTest, ASuspendCountedSinceTheLastLookIsASleepAndAWake) {
+    put("/sys/power/suspend_stats/success", "3\n");
+    source(0, "rtc0", 1, 100);
+    source(1, "alarmtimer.0.auto", 0, 0);
+    logger->loggerSerialQueue().sync([&] { logger->log(); });
+    EXPECT_FALSE(logger->followsLoginManager());
+    EXPECT_EQ(logger->samplePeriod(), 60);
+    logger->logChanges();
+    EXPECT_TRUE(lines("Sleep").empty());
+
+    put("/sys/power/suspend_stats/success", "4\n");
+    source(0, "rtc0", 2, 5000);
+    logger->logChanges();
+    put("/sys/power/suspend_stats/success", "5\n");
+    put("/sys/power/pm_wakeup_irq", "42\n");  // no source counted this one
+    logger->logChanges();
+    EXPECT_EQ(lines("Sleep"), (std::vector<std::string>{"[Sleep] event=did_sleep;", "[Sleep] event=did_sleep;"}));
+    EXPECT_EQ(lines("Wake"), (std::vector<std::string>{"[Wake] reason=rtc0;", "[Wake] reason=irq_42;"}));
+    EXPECT_EQ(patterns.eventFor(stamped("Wake", 1)), "APSleepStatus=awake;reason=irq_42");
+    EXPECT_EQ(log.countContaining("JXSleepWakeLogger"), 0u);
+}
+
+TEST_F(SleepWakeWithoutBusTest, NoLoginManagerAndNoStatisticsIsQuiet) {
+    logger->loggerSerialQueue().sync([&] {
+        logger->log();
+        logger->log();
+    });
+    logger->logChanges();
+    EXPECT_EQ(logger->samplePeriod(), 0);
+    EXPECT_TRUE(lines("Sleep").empty());
+    EXPECT_EQ(log.countContaining("JXSleepWakeLogger: no login manager"), 1u);
+}
+
+}  // namespace

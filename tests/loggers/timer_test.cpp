@@ -1,0 +1,104 @@
+// Sampling timers: one per logger, on its queue, from its own setting.
+#include <atomic>
+
+#include "platform/JXUtilities.h"
+#include "platform/LoggerTimer.h"
+#include "plugins/builtin/JXBuiltinLoggers.h"
+#include "tests/loggers/LoggerTree.h"
+
+namespace {
+
+using jxtest::waitFor;
+
+TEST(LoggerTimerTest, TicksOnTheQueueUntilCancelled) {
+    jx::SerialQueue queue("test.timer");
+    jx::LoggerTimer timer;
+    std::atomic<int> ticks{0};
+    std::atomic<bool> onQueue{true};
+    timer.setPeriod(0.005, queue, [&] {
+        if (!queue.isCurrent()) onQueue = false;
+        ++ticks;
+    });
+    EXPECT_TRUE(timer.armed());
+    ASSERT_TRUE(waitFor([&] { return ticks.load() >= 3; }));
+    EXPECT_TRUE(onQueue.load());
+
+    // Cancelled between two blocks, no block handed over before runs after.
+    int atCancel = 0;
+    queue.sync([&] {
+        timer.cancel();
+        atCancel = ticks.load();
+    });
+    queue.sync([] {});
+    EXPECT_EQ(ticks.load(), atCancel);
+    EXPECT_FALSE(timer.armed());
+}
+
+TEST(LoggerTimerTest, ANonPositivePeriodDoesNotArm) {
+    jx::SerialQueue queue("test.timer.off");
+    jx::LoggerTimer timer;
+    for (double period : {0.0, -1.0}) {
+        timer.setPeriod(period, queue, [] {});
+        EXPECT_FALSE(timer.armed()) << period;
+    }
+}
+
+TEST(LoggerTimerTest, SamplePeriodComesFromTheLoggersSetting) {
+    jxtest::TestRoot root;
+    const struct {
+        jx::Value setting;
+        double period;
+    } cases[] = {
+        {jx::Value(), 60},     {jx::Value(0), 0},   {jx::Value(2.5), 2.5},
+        {jx::Value("30"), 30}, {jx::Value(-5), 60}, {jx::Value("soon"), 60},
+    };
+    for (const auto& c : cases) {
+        JXDefaultsSetValueForKey("JXDisplayLogger", c.setting.isNil()
+                                                        ? jx::Value()
+                                                        : jx::Value(jx::Dictionary{{"SamplePeriod", c.setting}}));
+        EXPECT_EQ(jx::LoggerTimer::samplePeriodForLogger("JXDisplayLogger", 60), c.period) << c.setting.description();
+    }
+}
+
+// A sampling logger that counts its ticks.
+class TickingLogger : public JXSamplingLogger {
+public:
+    TickingLogger() : JXSamplingLogger("JXTickingTestLogger", 0.005) {}
+    void logChanges() override { ++ticks; }
+    std::atomic<int> ticks{0};
+
+protected:
+    void logSample() override { keepSampling(); }
+};
+
+TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsIt) {
+    jxtest::TestRoot root;
+    auto logger = std::make_shared<TickingLogger>();
+    logger->loggerSerialQueue().sync([&] { logger->log(); });
+    EXPECT_EQ(logger->samplePeriod(), 0.005);
+    ASSERT_TRUE(waitFor([&] { return logger->ticks.load() >= 2; }));
+
+    JXDefaultsSetValueForKey("JXTickingTestLogger", jx::Value(jx::Dictionary{{"SamplePeriod", jx::Value(0)}}));
+    int atStop = 0;
+    logger->loggerSerialQueue().sync([&] {
+        logger->log();
+        atStop = logger->ticks.load();
+    });
+    logger->loggerSerialQueue().sync([] {});
+    EXPECT_EQ(logger->samplePeriod(), 0);
+    EXPECT_EQ(logger->ticks.load(), atStop);
+}
+
+TEST(BuiltinLoggersTest, AreClassesTheControllerFindsByName) {
+    for (const char* name :
+         {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger", "JXNetworkLogger",
+          "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger", "JXSleepWakeLogger", "JXTelephonyLogger"}) {
+        JXLoggerClass* c = JXClassRegistry::lookUpClass(name);
+        ASSERT_TRUE(c) << name;
+        std::shared_ptr<JXLogger> logger = c->logger();
+        ASSERT_TRUE(logger) << name;
+        EXPECT_EQ(logger->name(), name);
+    }
+}
+
+}  // namespace
