@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -28,6 +29,8 @@ struct LoggerTimer::Timer {
 };
 
 namespace {
+
+constexpr double kLongestPeriodSeconds = 366.0 * 86400.0;
 
 // One thread waits on every armed timer's descriptor and hands each tick to the
 // timer's queue. Timers are known by a number, never by their descriptor: a
@@ -111,6 +114,8 @@ private:
 void LoggerTimer::setPeriod(double seconds, SerialQueue& queue, std::function<void()> block) {
     cancel();
     if (!(seconds > 0) || !std::isfinite(seconds)) return;
+    // A period past a year is a setting gone wrong, not a wish never to sample.
+    seconds = std::min(seconds, kLongestPeriodSeconds);
     auto timer = std::make_shared<Timer>();
     timer->fd.reset(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (!timer->fd.valid()) {

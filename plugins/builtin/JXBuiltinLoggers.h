@@ -13,6 +13,7 @@
 #include "platform/JXLogger.h"
 #include "platform/KernelFiles.h"
 #include "platform/LoggerTimer.h"
+#include "plugins/builtin/Nl80211.h"
 
 // "[Config]": device model, kernel, OS build, CPU and memory. Written whenever
 // the logger is triggered; none of it changes while the device runs.
@@ -118,7 +119,8 @@ private:
     jx::SaidOnce nothing_;
 };
 
-// "[WiFi]": each wireless interface's link, link quality, signal and noise.
+// "[WiFi]": each wireless interface's link, link quality, signal, noise and
+// transmit bit rate.
 class JXWiFiLogger : public JXSamplingLogger {
 public:
     explicit JXWiFiLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc");
@@ -135,6 +137,10 @@ private:
     void write(bool everything);
     std::string sys_, proc_;
     std::map<std::string, Reading> last_;  // what the log last says of each interface
+    // The radio is asked only about the real interfaces: a tree of files given
+    // for another device has no radio behind it.
+    bool askRadio_;
+    jx::Nl80211 radio_;
     jx::SaidOnce nothing_;
 };
 

@@ -48,7 +48,10 @@ std::map<std::string, Statistics> readStatistics(const std::string& path) {
 }  // namespace
 
 JXWiFiLogger::JXWiFiLogger(std::string sysRoot, std::string procRoot)
-    : JXSamplingLogger("JXWiFiLogger", kDefaultPeriodSeconds), sys_(std::move(sysRoot)), proc_(std::move(procRoot)) {}
+    : JXSamplingLogger("JXWiFiLogger", kDefaultPeriodSeconds),
+      sys_(std::move(sysRoot)),
+      proc_(std::move(procRoot)),
+      askRadio_(sys_ == "/sys") {}
 
 void JXWiFiLogger::logSample() {
     keepSampling();
@@ -97,6 +100,11 @@ void JXWiFiLogger::write(bool everything) {
             entry.setObject(JXValue::valueWithLong(r.statistics[1]), "signal");
             if (r.statistics[2] > kNoNoise) entry.setObject(JXValue::valueWithLong(r.statistics[2]), "noise");
         }
+        // Megabits per second; the kernel counts in hundreds of kilobits.
+        std::optional<long long> index = jx::readKernelNumber(net + name + "/ifindex");
+        if (r.link && askRadio_ && index && *index > 0)
+            if (std::optional<std::uint32_t> rate = radio_.stationTxBitrate(static_cast<unsigned>(*index)))
+                entry.setObject(JXValue::valueWithDouble(*rate / 10.0), "bitrate");
         JXLogWriter::sharedWriter().logEntry(entry);
     }
     last_ = std::move(now);

@@ -34,13 +34,17 @@ TEST(LoggerTimerTest, TicksOnTheQueueUntilCancelled) {
     EXPECT_FALSE(timer.armed());
 }
 
-TEST(LoggerTimerTest, ANonPositivePeriodDoesNotArm) {
+TEST(LoggerTimerTest, ANonPositivePeriodDoesNotArmAndAHugeOneIsBounded) {
     jx::SerialQueue queue("test.timer.off");
     jx::LoggerTimer timer;
     for (double period : {0.0, -1.0}) {
         timer.setPeriod(period, queue, [] {});
         EXPECT_FALSE(timer.armed()) << period;
     }
+    // Past what a time can hold: armed at the longest period instead.
+    timer.setPeriod(1e300, queue, [] {});
+    EXPECT_TRUE(timer.armed());
+    EXPECT_EQ(timer.period(), 366.0 * 86400.0);
 }
 
 TEST(LoggerTimerTest, SamplePeriodComesFromTheLoggersSetting) {

@@ -1,0 +1,72 @@
+// The bit rate in a station reply of the kernel's wireless interface, and asking
+// the kernel itself.
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <linux/nl80211.h>
+#include <net/if.h>
+
+#include <cstring>
+#include <vector>
+
+#include "plugins/builtin/Nl80211.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// One attribute as the kernel lays it out: length, type, value, padded to four.
+Bytes attribute(std::uint16_t type, const Bytes& value, bool nested = false) {
+    nlattr a{};
+    a.nla_len = static_cast<std::uint16_t>(sizeof a + value.size());
+    a.nla_type = static_cast<std::uint16_t>(type | (nested ? NLA_F_NESTED : 0));
+    Bytes out(sizeof a);
+    std::memcpy(out.data(), &a, sizeof a);
+    out.insert(out.end(), value.begin(), value.end());
+    out.resize((out.size() + 3) & ~std::size_t{3}, 0);
+    return out;
+}
+template <typename T>
+Bytes number(T v) {
+    Bytes out(sizeof v);
+    std::memcpy(out.data(), &v, sizeof v);
+    return out;
+}
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+std::optional<std::uint32_t> rateOf(const Bytes& reply) { return jx::Nl80211::txBitrate(reply.data(), reply.size()); }
+
+TEST(Nl80211Test, TheTransmitBitRateOfAStationReply) {
+    const Bytes signal = attribute(NL80211_STA_INFO_SIGNAL, number<std::int8_t>(-52));
+    const Bytes rx = attribute(NL80211_STA_INFO_RX_BITRATE,
+                               attribute(NL80211_RATE_INFO_BITRATE32, number<std::uint32_t>(1200)), true);
+    const Bytes both = attribute(NL80211_RATE_INFO_BITRATE, number<std::uint16_t>(65535)) +
+                       attribute(NL80211_RATE_INFO_BITRATE32, number<std::uint32_t>(86670));
+    const Bytes ifindex = attribute(NL80211_ATTR_IFINDEX, number<std::uint32_t>(3));
+
+    // The exact 32-bit rate over the saturated 16-bit one; the receive rate is not it.
+    EXPECT_EQ(rateOf(ifindex + attribute(NL80211_ATTR_STA_INFO,
+                                         signal + rx + attribute(NL80211_STA_INFO_TX_BITRATE, both, true), true)),
+              86670u);
+    EXPECT_EQ(rateOf(attribute(NL80211_ATTR_STA_INFO,
+                               attribute(NL80211_STA_INFO_TX_BITRATE,
+                                         attribute(NL80211_RATE_INFO_BITRATE, number<std::uint16_t>(650)), true),
+                               true)),
+              650u);
+    EXPECT_EQ(rateOf(ifindex + attribute(NL80211_ATTR_STA_INFO, signal + rx, true)), std::nullopt);
+
+    // A reply cut short anywhere is read no further than it goes.
+    const Bytes whole = attribute(NL80211_ATTR_STA_INFO, attribute(NL80211_STA_INFO_TX_BITRATE, both, true), true);
+    for (std::size_t cut = 0; cut < whole.size(); ++cut)
+        EXPECT_EQ(jx::Nl80211::txBitrate(whole.data(), cut), std::nullopt) << cut;
+}
+
+TEST(Nl80211Test, AnInterfaceWithoutARadioHasNoBitRate) {
+    jx::Nl80211 radio;
+    EXPECT_EQ(radio.stationTxBitrate(if_nametoindex("lo")), std::nullopt);
+    EXPECT_EQ(radio.stationTxBitrate(if_nametoindex("lo")), std::nullopt);  // and again on the same socket
+}
+
+}  // namespace
