@@ -71,9 +71,14 @@ protected:
         std::sort(found.begin(), found.end());
         return found;
     }
-    // Set up: the watch is armed before the notifications (whose debug line tells).
+    // Set up: the watch is armed before the notifications, and the first log-file
+    // check (which would itself restore a missing link) has looked at the link count.
     bool setUp() {
-        return waitFor([&] { return root.readFile(kLog).find("[Log-SetupNotifications]") != std::string::npos; });
+        return waitFor([&] {
+            const std::string text = root.readFile(kLog);
+            return text.find("[Log-SetupNotifications]") != std::string::npos &&
+                   text.find("[Log-IsFileMultiLinked]") != std::string::npos;
+        });
     }
     bool logShows(const std::string& what, std::size_t times = 1) {
         return waitFor([&] { return occurrences(root.readFile(kLog), what) >= times; });
