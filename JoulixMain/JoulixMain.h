@@ -168,6 +168,8 @@ private:
     std::shared_ptr<jx::FileDescriptor> kqueueDescriptorRef;
     // How often the watch has been armed, for tests and benchmarks that count rebuilds.
     std::atomic<unsigned> watchArmings_{0};
+    // A restart for a missing log is queued (touched on the shared queue only).
+    bool restartQueued_ = false;
     bool rotateDebugLogging_ = false;
     bool runLoopDebugLogging_ = false;
     std::atomic<bool> _bbPostProcessing{false};

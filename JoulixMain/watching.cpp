@@ -142,10 +142,15 @@ void JoulixMain::handleDirectoryEvent(const jx::FileDescriptor& descriptor) {
 }
 
 void JoulixMain::restartLoggingForMissing(const std::string& path) {
+    // One restart per loss: the event and the look after the rebuild may both see
+    // it, and a second restart would reopen and re-link a log that may be going again.
+    if (restartQueued_) return;
+    restartQueued_ = true;
     startLoggingToFile();
     // Queued behind the restart, so that the entry lands in the log it re-creates
     // rather than in the stream of the one that is gone.
-    JXUtilities::sharedDispatchQueue().async([path] {
+    JXUtilities::sharedDispatchQueue().async([self = shared_from_this(), path] {
+        self->restartQueued_ = false;
         JXLogWriter::sharedWriter().logEntry(
             "Log", jx::formatString(" state=LogDirectoryEvent logPath=%s exists=%s", path.c_str(), "FAIL"));
     });

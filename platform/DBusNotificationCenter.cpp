@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/NotificationCenter.h"
+#include "platform/SdBus.h"
 #include "platform/SystemLog.h"
 
 namespace jx {
@@ -27,15 +28,7 @@ constexpr const char* kPath = "/com/brindle/Notify";
 constexpr const char* kInterface = "com.brindle.Notify";
 constexpr const char* kMember = "Post";
 
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-using Bus = std::unique_ptr<sd_bus, BusDeleter>;
-
-struct SlotDeleter {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
+using Slot = BusSlot;
 
 // Said once per process: a device without a bus runs on without system-wide notifications.
 std::atomic<bool> gSaidNoBus{false};

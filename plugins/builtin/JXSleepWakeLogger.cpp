@@ -17,6 +17,7 @@
 #include "platform/JXEntry.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLoggerClass.h"
+#include "platform/SdBus.h"
 #include "platform/SystemLog.h"
 #include "plugins/builtin/JXBuiltinLoggers.h"
 
@@ -27,18 +28,9 @@ constexpr const char* kLoginService = "org.freedesktop.login1";
 constexpr const char* kLoginPath = "/org/freedesktop/login1";
 constexpr const char* kLoginManager = "org.freedesktop.login1.Manager";
 
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-using Bus = std::unique_ptr<sd_bus, BusDeleter>;
-struct SlotDeleter {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using Slot = std::unique_ptr<sd_bus_slot, SlotDeleter>;
-struct MessageDeleter {
-    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+using Bus = jx::Bus;
+using Slot = jx::BusSlot;
+using Message = jx::BusMessage;
 
 }  // namespace
 

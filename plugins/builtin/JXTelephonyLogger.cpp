@@ -7,6 +7,7 @@
 #include "platform/JXEntry.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLoggerClass.h"
+#include "platform/SdBus.h"
 #include "platform/Value.h"
 #include "plugins/builtin/JXBuiltinLoggers.h"
 
@@ -18,10 +19,7 @@ constexpr const char* kRoot = "/org/freedesktop/ModemManager1";
 constexpr const char* kModem = "org.freedesktop.ModemManager1.Modem";
 constexpr const char* kCall = "org.freedesktop.ModemManager1.Call";
 
-struct MessageDeleter {
-    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
+using Message = jx::BusMessage;
 
 // Each object's interfaces and their properties.
 using Properties = std::map<std::string, jx::Value>;
@@ -163,10 +161,7 @@ std::string callStatus(const Objects& objects) {
 }  // namespace
 
 struct JXTelephonyLogger::Bus {
-    struct Deleter {
-        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-    };
-    std::unique_ptr<sd_bus, Deleter> bus;
+    jx::Bus bus;
 };
 
 JXTelephonyLogger::JXTelephonyLogger() : JXSamplingLogger("JXTelephonyLogger", kDefaultPeriodSeconds) {}
