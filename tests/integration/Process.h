@@ -37,6 +37,11 @@ inline std::size_t occurrences(const std::string& text, const std::string& what)
     return n;
 }
 
+// The end of a long text (a daemon's messages), where the reason for a failure is.
+inline std::string tail(const std::string& text, std::size_t size = 4000) {
+    return text.size() > size ? text.substr(text.size() - size) : text;
+}
+
 class Process {
 public:
     Process(std::vector<std::string> argv, const std::string& outputPrefix,

@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 using jxtest::Process;
 using jxtest::binary;
 using jxtest::occurrences;
+using jxtest::tail;
 using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
@@ -33,9 +34,6 @@ std::string fakeStart(int days) {
     std::strftime(text, sizeof text, "@%Y-%m-%d %H:%M:%S x10", &local);
     return text;
 }
-
-// The end of a long text, where the reason for a failure is.
-std::string tail(const std::string& text) { return text.size() > 4000 ? text.substr(text.size() - 4000) : text; }
 
 class ArchiveIntegrationTest : public ::testing::Test {
 protected:

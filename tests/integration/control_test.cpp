@@ -14,12 +14,10 @@ namespace fs = std::filesystem;
 using jxtest::Process;
 using jxtest::binary;
 using jxtest::occurrences;
+using jxtest::tail;
 using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
-
-// The end of a long text, where the reason for a failure is.
-std::string tail(const std::string& text) { return text.size() > 3000 ? text.substr(text.size() - 3000) : text; }
 
 class ControlTest : public ::testing::Test {
 protected:
