@@ -59,6 +59,8 @@ protected:
     // Arms, re-arms (the setting changed) or stops the timer. Call it on the
     // logger's queue; a logger not owned by a shared pointer is never ticked.
     void keepSampling();
+    // Stops the timer until the next keepSampling.
+    void stopSampling() { timer_.cancel(); }
 
 private:
     jx::LoggerTimer timer_;

@@ -147,8 +147,9 @@ private:
 // "[Sleep] event=did_sleep;" as the device goes to sleep and "[Wake] reason=…;"
 // as it wakes, naming the wake-up source the kernel counted. It follows the login
 // manager's PrepareForSleep signal over the system bus, holding a delay lock so
-// that the sleep is in the log before the device sleeps; without a login manager,
-// the kernel's count of suspends, looked at on its timer.
+// that the sleep is in the log before the device sleeps; without a login manager
+// (or once the bus goes away), the kernel's count of suspends, looked at on its
+// timer.
 class JXSleepWakeLogger : public JXSamplingLogger {
 public:
     explicit JXSleepWakeLogger(std::string sysRoot = "/sys");
@@ -161,6 +162,8 @@ public:
     void holdInhibitor(jx::FileDescriptor lock);
     // Whether the login manager's signal is what the logger follows.
     bool followsLoginManager() const { return watch_ != nullptr; }
+    // The bus went away: count suspends until a triggered sample finds it again.
+    void busLost();
 
     class BusWatch;
 
@@ -169,6 +172,8 @@ protected:
     void logSample() override;
 
 private:
+    // Follows the login manager when it is there, else the kernel's count.
+    void follow();
     std::map<std::string, long long> wakeupCounts() const;
     void writeWake();
     std::string sys_;

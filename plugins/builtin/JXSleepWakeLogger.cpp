@@ -40,12 +40,15 @@ class JXSleepWakeLogger::BusWatch {
 public:
     using Prepare = std::function<void(bool)>;
     using Lock = std::function<void(jx::FileDescriptor)>;
+    using Lost = std::function<void()>;
 
-    // nullptr when there is no bus or no login manager on it.
-    static std::unique_ptr<BusWatch> start(Prepare onPrepare, Lock onLock) {
+    // nullptr when there is no bus or no login manager on it. onLost is called
+    // from the watch's thread, once, when the bus goes away; the thread then ends.
+    static std::unique_ptr<BusWatch> start(Prepare onPrepare, Lock onLock, Lost onLost) {
         sd_bus* raw = nullptr;
         if (sd_bus_open_system(&raw) < 0) return nullptr;
-        std::unique_ptr<BusWatch> w(new BusWatch(Bus(raw), std::move(onPrepare), std::move(onLock)));
+        std::unique_ptr<BusWatch> w(
+            new BusWatch(Bus(raw), std::move(onPrepare), std::move(onLock), std::move(onLost)));
         sd_bus_error error = SD_BUS_ERROR_NULL;
         sd_bus_message* reply = nullptr;
         int hasOwner = 0;
@@ -78,8 +81,11 @@ public:
     }
 
 private:
-    BusWatch(Bus bus, Prepare onPrepare, Lock onLock)
-        : bus_(std::move(bus)), onPrepare_(std::move(onPrepare)), onLock_(std::move(onLock)) {}
+    BusWatch(Bus bus, Prepare onPrepare, Lock onLock, Lost onLost)
+        : bus_(std::move(bus)),
+          onPrepare_(std::move(onPrepare)),
+          onLock_(std::move(onLock)),
+          onLost_(std::move(onLost)) {}
 
     // A delay lock: the login manager waits for it to be let go (or for its
     // longest delay) before the device sleeps.
@@ -123,6 +129,7 @@ private:
             }
             if (r < 0) {
                 jx::systemLogf(jx::kLogNotice, "JXSleepWakeLogger: the system bus went away: %s", strerror(-r));
+                onLost_();
                 return;
             }
             pollfd fds[2] = {{sd_bus_get_fd(bus_.get()), static_cast<short>(sd_bus_get_events(bus_.get())), 0},
@@ -147,6 +154,7 @@ private:
     jx::FileDescriptor stop_;
     Prepare onPrepare_;
     Lock onLock_;
+    Lost onLost_;
     bool saidNoLock_ = false;
     std::thread thread_;
 };
@@ -158,11 +166,17 @@ JXSleepWakeLogger::JXSleepWakeLogger(std::string sysRoot)
 JXSleepWakeLogger::~JXSleepWakeLogger() { watch_.reset(); }
 
 void JXSleepWakeLogger::logSample() {
-    if (started_) {
-        if (!watch_ && suspends_) keepSampling();  // the period setting may have changed
-        return;
+    if (!started_) {
+        started_ = true;
+        follow();
+    } else if (!watch_) {
+        // Counting suspends: the login manager may be back (a triggered sample is
+        // rare enough to ask), else the period setting may have changed.
+        follow();
     }
-    started_ = true;
+}
+
+void JXSleepWakeLogger::follow() {
     std::weak_ptr<JXLogger> weak = weak_from_this();
     jx::SerialQueue* queue = &loggerSerialQueue();
     auto self = [weak] { return std::static_pointer_cast<JXSleepWakeLogger>(weak.lock()); };
@@ -177,16 +191,37 @@ void JXSleepWakeLogger::logSample() {
             queue->async([self, held] {
                 if (auto l = self()) l->holdInhibitor(std::move(*held));
             });
+        },
+        [queue, self] {
+            queue->async([self] {
+                if (auto l = self()) l->busLost();
+            });
         });
-    if (watch_) return;
-    suspends_ = jx::readKernelNumber(sys_ + "/power/suspend_stats/success");
-    if (!suspends_) {
-        nothing_.say("JXSleepWakeLogger: no login manager on the system bus and no suspend statistics under " + sys_ +
-                     "/power");
+    if (watch_) {
+        // The signal says when; the counter's timer would only log the same sleeps again.
+        stopSampling();
         return;
     }
-    before_ = wakeupCounts();
+    std::optional<long long> now = jx::readKernelNumber(sys_ + "/power/suspend_stats/success");
+    if (!now) {
+        nothing_.say("JXSleepWakeLogger: no login manager on the system bus and no suspend statistics under " + sys_ +
+                     "/power");
+        suspends_.reset();
+        return;
+    }
+    if (!suspends_) {
+        suspends_ = now;
+        before_ = wakeupCounts();
+    }
     keepSampling();
+}
+
+void JXSleepWakeLogger::busLost() {
+    // The watch's thread has ended (or is ending): joined here, on the queue.
+    watch_.reset();
+    inhibitor_.reset();
+    suspends_.reset();
+    follow();
 }
 
 void JXSleepWakeLogger::prepareForSleep(bool start) {
@@ -206,6 +241,7 @@ void JXSleepWakeLogger::prepareForSleep(bool start) {
 void JXSleepWakeLogger::holdInhibitor(jx::FileDescriptor lock) { inhibitor_ = std::move(lock); }
 
 void JXSleepWakeLogger::logChanges() {
+    if (watch_) return;
     std::optional<long long> now = jx::readKernelNumber(sys_ + "/power/suspend_stats/success");
     if (!now || !suspends_ || *now <= *suspends_) {
         if (now) suspends_ = now;

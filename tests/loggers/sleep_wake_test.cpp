@@ -156,6 +156,42 @@ TEST_F(SleepWakeTest, FollowsTheLoginManagerAndLogsTheSleepBeforeLettingTheDevic
     logger.reset();  // stops the bus thread with the logger
 }
 
+TEST_F(SleepWakeTest, CountsSuspendsWhileTheBusIsGoneAndFollowsTheLoginManagerAgainWhenTriggered) {
+    jxtest::PrivateBus bus;
+    if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
+    put("/sys/power/suspend_stats/success", "7\n");
+    source(0, "rtc0", 1, 100);
+    auto follows = [&] {
+        bool f = false;
+        logger->loggerSerialQueue().sync([&] { f = logger->followsLoginManager(); });
+        return f;
+    };
+    {
+        FakeLoginManager manager;
+        ASSERT_TRUE(manager.ready());
+        logger->loggerSerialQueue().sync([&] { logger->log(); });
+        ASSERT_TRUE(follows());
+        ASSERT_TRUE(bus.restart());  // the bus goes away under the logger
+        ASSERT_TRUE(waitFor([&] { return !follows(); }));
+    }
+    logger->loggerSerialQueue().sync([] {});
+    EXPECT_EQ(logger->samplePeriod(), 60);
+    put("/sys/power/suspend_stats/success", "8\n");
+    source(0, "rtc0", 2, 900);
+    logger->loggerSerialQueue().sync([&] { logger->logChanges(); });
+    EXPECT_EQ(lines("Sleep"), std::vector<std::string>{"[Sleep] event=did_sleep;"});
+    EXPECT_EQ(lines("Wake"), std::vector<std::string>{"[Wake] reason=rtc0;"});
+    EXPECT_EQ(log.countContaining("the system bus went away"), 1u);
+
+    // The bus is back with a login manager: the next triggered sample follows it, and the timer stops.
+    FakeLoginManager manager;
+    ASSERT_TRUE(manager.ready());
+    logger->loggerSerialQueue().sync([&] { logger->log(); });
+    EXPECT_TRUE(follows());
+    EXPECT_EQ(logger->samplePeriod(), 0);
+    logger.reset();
+}
+
 // Without a bus: the kernel's statistics, each suspend written when the timer
 // next looks.
 class SleepWakeWithoutBusTest : public SleepWakeTest {
