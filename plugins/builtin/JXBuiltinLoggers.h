@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -203,5 +204,54 @@ private:
     void write(bool everything);
     std::unique_ptr<Bus> bus_;  // used on the logger's queue only
     std::string lastState_;
+    jx::SaidOnce nothing_;
+};
+
+// How the SoC and its modem slept over each interval between two samples, as
+// the "[BB HW …]" lines the baseband post-processor reads:
+//   [BB HW Log] Duration=<seconds>;
+//   [BB HW RPM] XO_Shutdown=[<%>,<entries>]; VDD_Min=[<%>,<entries>];
+//   [BB HW APPS] CXO_Shutdown=[<%>,<entries>];
+//   [BB HW MPSS] CXO_Shutdown=[<%>,<entries>];
+//   [BB HW Peripherals] USB=[<active ms>,<suspended ms>,<%>]; SPI=[<ms>,<%>]; UART=…; GPS=…; GPS_DPO=…;
+// The sleep figures come from the statistics some SoC drivers publish in debugfs:
+// a directory with one file per low-power mode or subsystem ("vlow"/"aosd" for
+// crystal shutdown, "vmin"/"cxsd" for the minimum voltage, "apss" for the
+// application processors, "modem"), each giving "Count:" and "Accumulated
+// Duration:" in ticks of the SoC's always-on counter. The peripherals' shares are
+// the busiest device's runtime-PM active time on each bus the modem may hang on.
+// Nothing is written where there are no such statistics; the first sample only
+// takes the starting point, each later one writes the interval since the last.
+class JXBasebandLogger : public JXSamplingLogger {
+public:
+    // The clock the intervals are measured on: time since boot, suspend included,
+    // and the always-on counter where the processor lets a program read it.
+    struct Clock {
+        virtual ~Clock() = default;
+        virtual double secondsSinceBoot() const;
+        virtual std::optional<unsigned long long> counterTicks() const;
+        virtual std::optional<double> counterFrequency() const;
+    };
+
+    explicit JXBasebandLogger(std::string sysRoot = "/sys", std::string debugfsRoot = "/sys/kernel/debug",
+                              std::shared_ptr<const Clock> clock = std::make_shared<Clock>());
+    void logChanges() override;
+
+protected:
+    void logSample() override;
+
+private:
+    struct Reading {
+        double seconds = 0;                                      // since boot
+        std::map<std::string, std::pair<long long, double>> modes;  // file: entries, seconds in the mode
+        std::map<std::string, std::pair<double, double>> devices;    // device: active, suspended seconds
+    };
+    std::optional<std::string> statsDirectory();
+    std::optional<Reading> read();
+    void sample();
+    std::string sys_, debugfs_;
+    std::shared_ptr<const Clock> clock_;
+    std::string discovered_;
+    std::optional<Reading> last_;
     jx::SaidOnce nothing_;
 };

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "baseband/JXBasebandPostProcessing.h"
 
@@ -20,6 +21,18 @@ public:
         JXBasebandPostProcessing::Dictionary events;
         processor_.dispatchMatchedResult(processor_.getMatchedResultsFor(line, table_), events);
         return events.size() == 1 ? events.begin()->second : std::string();
+    }
+
+    // The events a run of lines stands for, in order, read as one log: the
+    // pending values of earlier lines go into later lines' events.
+    std::vector<std::string> eventsFor(const std::vector<std::string>& lines) {
+        std::vector<std::string> out;
+        for (const std::string& line : lines) {
+            JXBasebandPostProcessing::Dictionary events;
+            processor_.dispatchMatchedResult(processor_.getMatchedResultsFor(line, table_), events);
+            for (const auto& [time, event] : events) out.push_back(event);
+        }
+        return out;
     }
 
 private:
