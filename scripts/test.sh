@@ -19,6 +19,11 @@ cmake --install build --prefix "$sdk/usr" >/dev/null
 c++ -std=c++20 -shared -fPIC -fvisibility=hidden -Wall -Wextra -Werror plugins/examples/JXLoadAverageLogger.cpp \
   $(PKG_CONFIG_PATH="$sdk/usr/lib/pkgconfig" pkg-config --cflags --libs joulix-plugin) -o "$sdk/JXLoadAverageLogger.bundle"
 nm -D --defined-only "$sdk/JXLoadAverageLogger.bundle" | grep ' JXPrincipalClass$' >/dev/null  # not -q: nm must not meet a closed pipe
+# The installed daemon, with the scratch directory as its root, loads the installed thermal bundle.
+LD_LIBRARY_PATH="$sdk/usr/lib" "$sdk/usr/bin/joulix" --root "$sdk" --once --log-stderr 2>"$sdk/messages"
+grep 'setting up bundle logger JXThermalLogger' "$sdk/messages" >/dev/null
+if grep 'Could not find JXThermalLogger' "$sdk/messages"; then exit 1; fi
+grep ' \[Config\] ' "$sdk/var/mobile/Library/Logs/CurrentJoulix.joulix" >/dev/null
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
