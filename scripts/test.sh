@@ -30,10 +30,10 @@ scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
-echo "== ThreadSanitizer (queues, writer, run thread)"
+echo "== ThreadSanitizer (queues, writer, run thread, loggers)"
 scripts/build.sh build-tsan -DJOULIX_SANITIZE=thread -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L '^(platform_tests|joulixmain_tests|baseband_tests)$'
+  ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L '^(platform_tests|joulixmain_tests|baseband_tests|logger_tests)$'
 
 echo "== libFuzzer (clang, AddressSanitizer + UndefinedBehaviorSanitizer), ${JOULIX_FUZZ_SECONDS:-5} s per target"
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DJOULIX_BUILD_FUZZ=ON -DJOULIX_SANITIZE="address;undefined" \
