@@ -113,7 +113,7 @@ public:
                        std::optional<jx::Date> periodStart, std::optional<jx::Date> rolloverDate);
     void setRolloverTimer(std::optional<jx::Date> date);
     void rolloverTimerFired(const void* ignored);
-    std::int32_t ComputeTimeFromNowFromDefaults(const jx::Value& value);
+    static std::int32_t ComputeTimeFromNowFromDefaults(const jx::Value& value);
 
     // Placing logs in the crash-report directory.
     bool isSameHardLinkedFileAtPath(const std::string& path, const std::string& asAtPath);

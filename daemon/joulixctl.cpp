@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
 #include "platform/NotificationCenter.h"
 #include "platform/NotificationNames.h"
@@ -143,6 +144,14 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
         std::fprintf(stderr, "joulixctl: could not write %s\n", jx::preferencesPath(domain, kJXDefaultsUser).c_str());
         return 1;
     }
+    // Written as asked, but said: an age that reads as no time at all ("two weeks"
+    // reads as 0) makes the daemon delete every archive at its next roll.
+    if (domain == kJXDefaultsDomain && key == JXJoulixArchiveDays &&
+        JoulixMain::ComputeTimeFromNowFromDefaults(*value) == 0)
+        std::fprintf(stderr,
+                     "joulixctl: warning: %s '%s' reads as 0 seconds: every archive will be deleted at the next "
+                     "roll (use a number of days, or \"N day\", \"N hour\", \"N minute\")\n",
+                     key.c_str(), values[0].c_str());
     return 0;
 }
 

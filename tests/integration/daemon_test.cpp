@@ -153,6 +153,13 @@ TEST_F(DaemonTest, ToolWritesReadsAndDeletesTypedSettings) {
     EXPECT_EQ(ctl({"defaults", "read", "JXLoggingMode"}, nullptr, &err), 1);
     EXPECT_NE(err.find("does not exist"), std::string::npos);
     EXPECT_EQ(ctl({"defaults", "delete", "JXLoggingMode"}), 1);
+
+    // Written, but warned of: an archive age that reads as no time deletes every archive at the next roll.
+    std::string warned, quiet;
+    EXPECT_EQ(ctl({"defaults", "write", "JXJoulixArchiveDays", "two weeks"}, nullptr, &warned), 0);
+    EXPECT_NE(warned.find("every archive will be deleted"), std::string::npos) << warned;
+    EXPECT_EQ(ctl({"defaults", "write", "JXJoulixArchiveDays", "3 hour"}, nullptr, &quiet), 0);
+    EXPECT_EQ(quiet, "");
 }
 
 TEST_F(DaemonTest, ToolRefusesMalformedValuesAndWritesNothing) {
