@@ -79,21 +79,12 @@ TEST(JXLoggerClass, OneLoggerWhileItLivesEachOnItsOwnQueue) {
 
 class BundleTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        built = JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle";
-        pluginDir = root("/System/Library/JoulixPlugins");
-        fs::create_directories(pluginDir);
-        chmod(pluginDir.c_str(), 0755);
-    }
-    std::string install(const std::string& name, mode_t mode, const std::string& from = "") {
-        std::string path = pluginDir + "/" + name;
-        fs::copy_file(from.empty() ? built : from, path, fs::copy_options::overwrite_existing);
-        chmod(path.c_str(), mode);
-        return path;
+    std::string install(const std::string& name, mode_t mode) {
+        return jxtest::installBundle(root, "JXTestBundleLogger.bundle", name, mode);
     }
     jxtest::TestRoot root;
     jxtest::LogCapture log;
-    std::string built, pluginDir;
+    std::string pluginDir = root("/System/Library/JoulixPlugins");
 };
 
 TEST_F(BundleTest, ATrustedBundleGivesItsPrincipalClassAndItsLoggerLogs) {
@@ -110,6 +101,7 @@ TEST_F(BundleTest, ATrustedBundleGivesItsPrincipalClassAndItsLoggerLogs) {
 }
 
 TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
+    fs::create_directories(pluginDir);
     EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXMissingLogger.bundle"), nullptr);
     EXPECT_TRUE(log.messages().empty()) << "a missing bundle is not worth a message";
 

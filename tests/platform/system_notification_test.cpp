@@ -52,6 +52,11 @@ private:
     std::thread thread_;
 };
 
+// A callback that counts its calls.
+Center::Callback counting(std::atomic<int>& calls) {
+    return [&calls](Center*, void*, const std::string&, const void*, const jx::Value&) { ++calls; };
+}
+
 class SystemNotificationTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -122,18 +127,16 @@ TEST_F(SystemNotificationTest, ACallbackMayRemoveItsObserverAndTheOtherIsNotCall
             c->removeObserver(&a, name);
             c->removeObserver(&b, name);
         });
-        center.addObserver(&b, "com.example.Once", [&](Center*, void*, const std::string&, const void*, const jx::Value&) { ++second; });
+        center.addObserver(&b, "com.example.Once", counting(second));
     });
     center.post("com.example.Once");
     center.post("com.example.Once");
     ASSERT_TRUE(jxtest::waitFor([&] { return first.load() == 1; }));
     // A probe observed afterwards arrives after both posts: nothing else was delivered.
-    std::atomic<bool> probe{false};
-    runThread.run([&] {
-        center.addObserver(&a, "com.example.Probe", [&](Center*, void*, const std::string&, const void*, const jx::Value&) { probe = true; });
-    });
+    std::atomic<int> probe{0};
+    runThread.run([&] { center.addObserver(&a, "com.example.Probe", counting(probe)); });
     center.post("com.example.Probe");
-    ASSERT_TRUE(jxtest::waitFor([&] { return probe.load(); }));
+    ASSERT_TRUE(jxtest::waitFor([&] { return probe.load() == 1; }));
     EXPECT_EQ(first.load(), 1);
     EXPECT_EQ(second.load(), 0);
     runThread.run([&] { center.removeObserver(&a, "com.example.Probe"); });
@@ -144,10 +147,7 @@ TEST_F(SystemNotificationTest, ObserversComeBackWithARestartedBus) {
     LoopThread runThread;
     std::atomic<int> calls{0};
     int a = 0;
-    runThread.run([&] {
-        ASSERT_TRUE(center.addObserver(&a, "com.example.Again",
-                                       [&](Center*, void*, const std::string&, const void*, const jx::Value&) { ++calls; }));
-    });
+    runThread.run([&] { ASSERT_TRUE(center.addObserver(&a, "com.example.Again", counting(calls))); });
     ASSERT_TRUE(center.post("com.example.Again"));
     ASSERT_TRUE(jxtest::waitFor([&] { return calls.load() == 1; }));
 

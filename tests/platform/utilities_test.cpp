@@ -69,14 +69,6 @@ TEST(JXUtilities, BuildVersionComesFromTheRootsOsRelease) {
     }
 }
 
-TEST(JXUtilities, ProcessNameMayBeSetForTesting) {
-    EXPECT_EQ(JXUtilities::processName(), "platform_tests");
-    JXUtilities::setProcessNameForTesting("joulix");
-    EXPECT_EQ(JXUtilities::processName(), "joulix");
-    JXUtilities::setProcessNameForTesting(std::nullopt);
-    EXPECT_EQ(JXUtilities::processName(), "platform_tests");
-}
-
 class NamedLogger : public JXLogger {
 public:
     using JXLogger::JXLogger;
@@ -110,8 +102,6 @@ TEST(JXUtilities, TheSharedRunLoopIsKeptAlive) {
     auto loop = std::make_shared<jx::RunLoop>();
     EXPECT_EQ(loop->runUntilSourceHandled(0), jx::RunLoop::Result::Finished);
     JXUtilities::setSharedJXRunLoop(loop);
-    EXPECT_EQ(JXUtilities::sharedJXRunLoop(), loop);
-    EXPECT_EQ(JXUtilities::sharedJXCFRunLoop(), loop);
     // Other threads may hand it work at any time, so an empty turn waits instead of finishing.
     EXPECT_EQ(loop->runUntilSourceHandled(0), jx::RunLoop::Result::TimedOut);
     JXUtilities::setSharedJXRunLoop(previous);
