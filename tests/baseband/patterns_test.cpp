@@ -63,13 +63,6 @@ protected:
     Dictionary table;
 };
 
-TEST_F(Patterns, TheTableHoldsSeventeenRowsAsWritten) {
-    EXPECT_EQ(table.size(), 17u);
-    // The row that ends in a lone backslash is kept as it is.
-    EXPECT_TRUE(table["ARMUtilityValuesForTarn5"].ends_with(R"((\d+(?:.\d+)*?)\)"));
-    EXPECT_EQ(table["WakeReason"], R"(^(\d+)\/(\d+)\/(\d+)\s*(\d+):(\d+):(\d+)(\.\d+)?\s*\[Wake\]\s*reason\=(.*);)");
-}
-
 TEST_F(Patterns, EachLineMatchesItsRowAndOnlyWithAFractionOfASecond) {
     for (const LineCase& c : kLines) {
         Dictionary result = match(std::string(kStamp) + c.body + "\n");
