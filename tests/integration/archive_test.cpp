@@ -179,11 +179,7 @@ TEST_F(ArchiveIntegrationTest, AMinuteOfSteadyLoggingWakesNoWatch) {
     if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
     ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
     ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
-    std::string plugins = root("/System/Library/JoulixPlugins");
-    fs::create_directories(plugins);
-    chmod(plugins.c_str(), 0755);
-    fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", plugins + "/JXThermalLogger.bundle");
-    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
 
     // A minute of the daemon's time, ten times as fast: a sample every 100 ms of it.
     auto d = daemon("@2026-11-21 10:00:00 x10");
@@ -214,11 +210,7 @@ TEST_F(ArchiveIntegrationTest, EachRollRunsTheBasebandAnalysisOnTheLogJustRolled
         ASSERT_EQ(ctl(setting), 0);
     }
     // A logger that writes the modem's statistics with every sample.
-    std::string plugins = root("/System/Library/JoulixPlugins");
-    fs::create_directories(plugins);
-    chmod(plugins.c_str(), 0755);
-    fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", plugins + "/JXThermalLogger.bundle");
-    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
     jx::Array lines{jx::Value("[BB HW Log] LogCode=0x1; Duration=300;"),
                     jx::Value("[BB HW RPM] XO_Shutdown=[0%,1200]; VDD_Min=[0%,0];"),
                     jx::Value("[BB HW APPS] Sleep=4; CXO_Shutdown=[90%,55];"),

@@ -1,7 +1,6 @@
 // The running daemon steered from outside: system-wide notifications posted by
 // joulixctl over a private bus, and SIGUSR1.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -10,7 +9,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using jxtest::Process;
 using jxtest::binary;
 using jxtest::occurrences;
@@ -25,11 +23,7 @@ protected:
         if (!bus.available()) GTEST_SKIP() << "dbus-daemon is not installed";
         env["DBUS_SYSTEM_BUS_ADDRESS"] = bus.address();
         // A bundle logger under a name of the static list, so the daemon loads it.
-        std::string dir = root("/System/Library/JoulixPlugins");
-        fs::create_directories(dir);
-        chmod(dir.c_str(), 0755);
-        fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", dir + "/JXThermalLogger.bundle");
-        chmod((dir + "/JXThermalLogger.bundle").c_str(), 0644);
+        jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
     }
     std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
 

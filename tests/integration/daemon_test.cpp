@@ -1,6 +1,5 @@
 // The real joulix and joulixctl under a private root.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -55,11 +54,7 @@ TEST_F(DaemonTest, OnceMakesTheLayoutAndEnds) {
 }
 
 TEST_F(DaemonTest, DynamicDiscoveryLoadsTheExamplePlugIn) {
-    std::string dir = root("/System/Library/JoulixPlugins");
-    std::filesystem::create_directories(dir);
-    chmod(dir.c_str(), 0755);
-    std::filesystem::copy_file(JOULIX_BUNDLE_DIR "/JXLoadAverageLogger.bundle", dir + "/JXLoadAverageLogger.bundle");
-    chmod((dir + "/JXLoadAverageLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXLoadAverageLogger.bundle", "JXLoadAverageLogger.bundle");
     ASSERT_EQ(ctl({"defaults", "write", "JXLoggerDiscovery", "dynamic"}), 0);
     auto p = joulix({"--once"});
     ASSERT_EQ(p->wait(), 0) << p->err();

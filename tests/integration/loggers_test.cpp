@@ -1,7 +1,6 @@
 // The built-in loggers in the real daemon, reading this machine's own kernel files.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -55,11 +54,7 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
 
 TEST(LoggersIntegrationTest, TheThermalBundleLoadsInTheDaemon) {
     jxtest::TestRoot root;
-    const std::string plugins = root("/System/Library/JoulixPlugins");
-    std::filesystem::create_directories(plugins);
-    chmod(plugins.c_str(), 0755);
-    std::filesystem::copy_file(JOULIX_BUNDLE_DIR "/JXThermalLogger.bundle", plugins + "/JXThermalLogger.bundle");
-    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXThermalLogger.bundle", "JXThermalLogger.bundle");
     Process p({binary("joulix"), "--root", root.path(), "--log-stderr", "--once"}, root.path() + "/joulix",
               {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}});
     ASSERT_EQ(p.wait(), 0) << p.err();
