@@ -13,8 +13,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using jxtest::kFakeTime;
 using jxtest::Process;
-using jxtest::binary;
 using jxtest::occurrences;
 using jxtest::tail;
 using jxtest::waitFor;
@@ -22,7 +22,6 @@ using jxtest::waitFor;
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
 const std::string kFaultkeeper = "/var/mobile/Library/Logs/Faultkeeper";
 const std::string kArchive = "/var/mobile/Library/Logs/JXArchive";
-const std::string kFakeTime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
 
 // A local time a whole number of days from now, three seconds before a minute ends.
 std::string fakeStart(int days) {
@@ -35,30 +34,10 @@ std::string fakeStart(int days) {
     return text;
 }
 
-class ArchiveIntegrationTest : public ::testing::Test {
+class ArchiveIntegrationTest : public jxtest::BinariesTest {
 protected:
-    void SetUp() override {
-        root.writeFile("/etc/os-release", "VERSION_ID=\"12\"\n");
-        env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent/joulix-bus";
-    }
-    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
-    int ctl(std::vector<std::string> args) {
-        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
-        Process p(args, out("ctl"), env);
-        return p.wait().value_or(-1);
-    }
-    // The daemon, with its clock faked from the given start when there is one.
-    std::unique_ptr<Process> daemon(const std::string& faketime = "") {
-        auto e = env;
-        if (!faketime.empty()) {
-            e["LD_PRELOAD"] = kFakeTime;
-            e["FAKETIME"] = faketime;
-            const char* asan = std::getenv("ASAN_OPTIONS");
-            e["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
-        }
-        return std::make_unique<Process>(std::vector<std::string>{binary("joulix"), "--root", root.path(), "--log-stderr"},
-                                         out("joulix"), e);
-    }
+    void SetUp() override { root.writeFile("/etc/os-release", "VERSION_ID=\"12\"\n"); }
+    std::unique_ptr<Process> daemon(const std::string& faketime = "") { return joulix({}, faketime); }
     std::vector<std::string> names(const std::string& dir, const std::string& suffix) {
         std::vector<std::string> found;
         std::error_code ec;
@@ -81,10 +60,6 @@ protected:
     bool logShows(const std::string& what, std::size_t times = 1) {
         return waitFor([&] { return occurrences(root.readFile(kLog), what) >= times; });
     }
-
-    jxtest::TestRoot root;
-    std::map<std::string, std::string> env;
-    int runs = 0;
 };
 
 TEST_F(ArchiveIntegrationTest, ARollLeavesAVerifiedArchiveOfTheClosedLog) {

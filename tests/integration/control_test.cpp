@@ -17,7 +17,7 @@ using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
 
-class ControlTest : public ::testing::Test {
+class ControlTest : public jxtest::BinariesTest {
 protected:
     void SetUp() override {
         if (!bus.available()) GTEST_SKIP() << "dbus-daemon is not installed";
@@ -25,23 +25,16 @@ protected:
         // A bundle logger under a name of the static list, so the daemon loads it.
         jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
     }
-    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
-
     std::unique_ptr<Process> startCtl(std::vector<std::string> args) {
         args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
         return std::make_unique<Process>(args, out("ctl"), env);
-    }
-    int ctl(std::vector<std::string> args) {
-        auto p = startCtl(std::move(args));
-        return p->wait().value_or(-1);
     }
 
     // Starts the daemon and returns once it has said, on the bus, that it is set up.
     std::unique_ptr<Process> startDaemon() {
         auto waiter = startCtl({"wait", "com.brindle.joulix.StateChanged", "--timeout", "30"});
         EXPECT_TRUE(waitFor([&] { return waiter->out().find("waiting for") != std::string::npos; })) << waiter->err();
-        auto daemon = std::make_unique<Process>(
-            std::vector<std::string>{binary("joulix"), "--root", root.path(), "--log-stderr"}, out("joulix"), env);
+        auto daemon = joulix();
         EXPECT_EQ(waiter->wait(), 0) << waiter->err() << daemon->err();
         return daemon;
     }
@@ -50,10 +43,7 @@ protected:
         return waitFor([&] { return occurrences(logText(), what) >= times; });
     }
 
-    jxtest::TestRoot root;
     jxtest::PrivateBus bus;
-    std::map<std::string, std::string> env;
-    int runs = 0;
 };
 
 TEST_F(ControlTest, StatusAndSignalEachMakeEveryLoggerLogOnceMore) {

@@ -9,14 +9,14 @@
 
 namespace {
 
-using jxtest::binary;
 using jxtest::Process;
 
-TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot) {
-    jxtest::TestRoot root;
-    Process p({binary("joulix"), "--root", root.path(), "--log-stderr", "--once"}, root.path() + "/joulix",
-              {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}});
-    ASSERT_EQ(p.wait(), 0) << p.err();
+using LoggersIntegrationTest = jxtest::BinariesTest;
+
+TEST_F(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot) {
+    auto run = joulix({"--once"});
+    ASSERT_EQ(run->wait(), 0) << run->err();
+    Process& p = *run;
     const std::string log = root.readFile("/var/mobile/Library/Logs/CurrentJoulix.joulix");
     EXPECT_EQ(log.find("[Joulix] Version="), 24u) << log;
     for (const char* entry :
@@ -52,12 +52,11 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
     }
 }
 
-TEST(LoggersIntegrationTest, TheThermalBundleLoadsInTheDaemon) {
-    jxtest::TestRoot root;
+TEST_F(LoggersIntegrationTest, TheThermalBundleLoadsInTheDaemon) {
     jxtest::installBundle(root, "JXThermalLogger.bundle", "JXThermalLogger.bundle");
-    Process p({binary("joulix"), "--root", root.path(), "--log-stderr", "--once"}, root.path() + "/joulix",
-              {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}});
-    ASSERT_EQ(p.wait(), 0) << p.err();
+    auto run = joulix({"--once"});
+    ASSERT_EQ(run->wait(), 0) << run->err();
+    Process& p = *run;
     EXPECT_NE(p.err().find("setting up bundle logger JXThermalLogger"), std::string::npos) << p.err();
     EXPECT_EQ(p.err().find("Could not find JXThermalLogger"), std::string::npos) << p.err();
     // The machine's own thermal class: entries where it has zones, else one line at most.
