@@ -96,17 +96,6 @@ TEST_F(BatteryLoggerTest, ATickWritesOnlyWhenStatusLevelOrChargerChanged) {
     EXPECT_NE(lines("Battery").back().find("charging_state=active;"), std::string::npos);
 }
 
-TEST_F(BatteryLoggerTest, NoBatteryOrChargerIsQuiet) {
-    logger->log();
-    supply("BAT1", {{"type", "Battery"}, {"present", "0"}});
-    supply("hid-mouse", {{"type", "Unknown"}});
-    logger->logChanges();
-    logger->log();
-    EXPECT_TRUE(lines("Battery").empty());
-    EXPECT_TRUE(lines("Charger").empty());
-    EXPECT_EQ(log.countContaining("JXBatteryLogger: no battery or charger"), 1u);
-}
-
 class DisplayLoggerTest : public LoggerTree {
 public:
     void backlight(const std::string& brightness, const std::string& power = "0") {
@@ -180,14 +169,6 @@ TEST_F(DisplayLoggerTest, ATickWritesOnlyAChange) {
     logger->logChanges();
     EXPECT_EQ(lines("Display"), (std::vector<std::string>{"[Display] active=YES; brightness=0.39;",
                                                           "[Display] active=NO; brightness=0.39;"}));
-}
-
-TEST_F(DisplayLoggerTest, NoDisplayIsQuiet) {
-    put("/sys/class/drm/card0-VGA-1/status", "disconnected\n");
-    logger->log();
-    logger->logChanges();
-    EXPECT_TRUE(lines("Display").empty());
-    EXPECT_EQ(log.countContaining("JXDisplayLogger: no backlight"), 1u);
 }
 
 }  // namespace

@@ -41,11 +41,4 @@ TEST_F(ThermalLoggerTest, ZonesAndCoolingDevicesThenOnlyWhatMoved) {
     EXPECT_EQ(lines("Thermal").size(), 5u);
 }
 
-TEST_F(ThermalLoggerTest, NoThermalClassIsQuiet) {
-    logger->log();
-    logger->logChanges();
-    EXPECT_TRUE(lines("Thermal").empty());
-    EXPECT_EQ(log.countContaining("JXThermalLogger: no thermal zone"), 1u);
-}
-
 }  // namespace
