@@ -110,17 +110,6 @@ TEST_F(LogFileTest, MoveTestsTheCurrentLogNotTheSource) {
     EXPECT_EQ(root.readFile("/var/mobile/Library/Logs/moved"), "x");
 }
 
-TEST_F(LogFileTest, SameFileMeansSameInode) {
-    root.writeFile(kLog, "log");
-    const std::string link = root("/var/mobile/Library/Logs/Faultkeeper/JX_b.joulix");
-    ASSERT_EQ(::link(root(kLog).c_str(), link.c_str()), 0);
-    EXPECT_TRUE(controller->isSameHardLinkedFileAtPath(root(kLog), link));
-    root.writeFile("/var/mobile/Library/Logs/copy", "log");
-    EXPECT_FALSE(controller->isSameHardLinkedFileAtPath(root(kLog), root("/var/mobile/Library/Logs/copy")));
-    EXPECT_FALSE(controller->isSameHardLinkedFileAtPath(root(kLog), ""));
-    EXPECT_FALSE(controller->isSameHardLinkedFileAtPath(root(kLog), root("/missing")));
-}
-
 TEST_F(LogFileTest, LockedOnlyWhenLockedSinceBootWithAFileThatCannotBeSecured) {
     // /proc files exist but take no extended attributes: they cannot be secured.
     const std::string unsecurable = "/proc/self/cmdline";

@@ -56,14 +56,6 @@ TEST_F(Selection, APathWithoutItsSlashEndsTheRunByTheExceptionPath) {
 }
 
 TEST_F(Selection, TheCreationDateIsTheBirthTimeElseTheModificationTime) {
-    struct statx st {};
-    st.stx_btime = {100, 5, 0};
-    st.stx_mtime = {200, 0, 0};
-    st.stx_mask = STATX_BTIME | STATX_MTIME;
-    EXPECT_EQ(JXBasebandPostProcessing::creationDateFromAttributes(st).secondsSince1970, 100.000000005);
-    st.stx_mask = STATX_MTIME;
-    EXPECT_EQ(JXBasebandPostProcessing::creationDateFromAttributes(st).secondsSince1970, 200.0);
-
     // A file rewritten later keeps its birth time where the file system has one.
     make({"a.joulix"});
     auto created = JXBasebandPostProcessing::creationDateOfItemAtPath(dir + "a.joulix");

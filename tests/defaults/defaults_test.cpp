@@ -98,12 +98,6 @@ TEST_F(DefaultsTest, WritesReachTheFileAndOtherReaders) {
     ASSERT_TRUE(onDisk);
     EXPECT_EQ(onDisk->objectForKey("JXFullModeBlackList"), jx::Value(jx::Array{jx::Value("2026-11-20")}));
 
-    // Another writer's change is seen by the next read.
-    jx::FilePreferencesStore other;
-    other.setValue("JXRotateJoulix", jx::Value("5 hour"), "com.brindle.joulix", "mobile");
-    ASSERT_TRUE(other.synchronize("com.brindle.joulix", "mobile"));
-    EXPECT_EQ(JXDefaultsCopyValueForKeySync(JXRotateJoulixKey, true), jx::Value("5 hour"));
-
     // A nil value removes the key.
     JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value());
     EXPECT_FALSE(JXDefaultsValueExistsForKey(JXRotateJoulixKey));
