@@ -36,13 +36,6 @@ inline std::string slurp(const std::string& path) {
     return s.str();
 }
 
-// How often a text holds a piece of text.
-inline std::size_t occurrences(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
 // The end of a long text (a daemon's messages), where the reason for a failure is.
 inline std::string tail(const std::string& text, std::size_t size = 4000) {
     return text.size() > size ? text.substr(text.size() - size) : text;

@@ -1,5 +1,5 @@
-// The real daemon's rolled logs in the archive, retention by age, and the
-// directory watch that re-creates a deleted log.
+// Retention of the real daemon's archives by age, the directory watch that
+// re-creates a deleted log, and the analysis at each roll.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -61,28 +61,6 @@ protected:
         return waitFor([&] { return occurrences(root.readFile(kLog), what) >= times; });
     }
 };
-
-TEST_F(ArchiveIntegrationTest, ARollLeavesAVerifiedArchiveOfTheClosedLog) {
-    if (access(kFakeTime.c_str(), R_OK) != 0 || access("/bin/gzip", X_OK) != 0) GTEST_SKIP() << "faketime or gzip missing";
-    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
-    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
-    auto d = daemon("@2026-11-21 10:00:57 x10");
-    ASSERT_TRUE(waitFor([&] { return names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty(); }, 60))
-        << d->err();
-    d->signal(SIGTERM);
-    ASSERT_EQ(d->wait(), 0);
-
-    for (const std::string& gz : names(kArchive, ".gz")) {
-        const std::string rolled = gz.substr(0, gz.size() - 3);
-        ASSERT_TRUE(fs::exists(root(kFaultkeeper + "/" + rolled))) << gz;
-        Process test({"/bin/gzip", "-t", root(kArchive + "/" + gz)}, out("gzip"));
-        EXPECT_EQ(test.wait(), 0) << test.err();
-        Process unpack({"/bin/sh", "-c", "gzip -dc \"$0\"", root(kArchive + "/" + gz)}, out("gunzip"));
-        ASSERT_EQ(unpack.wait(), 0);
-        EXPECT_EQ(unpack.out(), root.readFile(kFaultkeeper + "/" + rolled)) << gz;
-    }
-    EXPECT_TRUE(names(kArchive, ".archive").empty());
-}
 
 TEST_F(ArchiveIntegrationTest, ArchivesOlderThanFourteenDaysGoAtARoll) {
     if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";

@@ -148,14 +148,24 @@ TEST_F(LogFileIntegrationTest, DaemonRestartInTheSamePeriodContinuesAndSaysSo) {
     EXPECT_EQ(headers, 1);
 }
 
-TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItself) {
-    if (access(jxtest::kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
+TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItselfAndArchivesEachClosedLog) {
+    if (access(jxtest::kFakeTime.c_str(), R_OK) != 0 || access("/bin/gzip", X_OK) != 0)
+        GTEST_SKIP() << "libfaketime or gzip missing";
     ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
     ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
     // The daemon's clock starts just before midnight and runs ten times as fast: two
     // minute boundaries pass in about nine seconds.
     auto daemon = joulix({}, "@2026-11-21 23:59:57 x10");
-    ASSERT_TRUE(waitFor([&] { return rolledLogs().size() >= 3; }, 60)) << daemon->err();
+    const std::string archive = "/var/mobile/Library/Logs/JXArchive/";
+    auto archives = [&](const std::string& suffix) {
+        std::vector<std::string> found;
+        std::error_code ec;  // none before the daemon has made the directory
+        for (auto& e : std::filesystem::directory_iterator(root(archive), ec))
+            if (e.path().string().ends_with(suffix)) found.push_back(e.path().filename());
+        return found;
+    };
+    ASSERT_TRUE(waitFor([&] { return rolledLogs().size() >= 3 && archives(".gz").size() >= 2 && archives(".archive").empty(); }, 60))
+        << daemon->err();
     daemon->signal(SIGTERM);
     ASSERT_EQ(daemon->wait(), 0);
 
@@ -175,6 +185,17 @@ TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItself) {
                             "periodStart=2026-11-22 00:00:00 +0000; rolloverDate=2026-11-22 00:01:00 +0000;"),
               std::string::npos) << firstLog;
     EXPECT_NE(rolledLogs()[1].find("JX_2026-11-22-0000"), std::string::npos);
+
+    // Each closed log is archived beside its rolled name, verified by gzip itself.
+    for (const std::string& gz : archives(".gz")) {
+        const std::string rolled = gz.substr(0, gz.size() - 3);
+        ASSERT_TRUE(std::filesystem::exists(root(kFaultkeeper + "/" + rolled))) << gz;
+        Process test({"/bin/gzip", "-t", root(archive + gz)}, out("gzip"));
+        EXPECT_EQ(test.wait(), 0) << test.err();
+        Process unpack({"/bin/sh", "-c", "gzip -dc \"$0\"", root(archive + gz)}, out("gunzip"));
+        ASSERT_EQ(unpack.wait(), 0);
+        EXPECT_EQ(unpack.out(), root.readFile(kFaultkeeper + "/" + rolled)) << gz;
+    }
 }
 
 }  // namespace

@@ -87,19 +87,6 @@ protected:
     std::string pluginDir = root("/System/Library/JoulixPlugins");
 };
 
-TEST_F(BundleTest, ATrustedBundleGivesItsPrincipalClassAndItsLoggerLogs) {
-    std::string path = install("JXThermalLogger.bundle", 0644);
-    JXLoggerClass* cls = JXBundle::principalClass(path);
-    ASSERT_NE(cls, nullptr);
-    EXPECT_EQ(cls->name(), "JXTestBundleLogger");
-    EXPECT_EQ(JXBundle::principalClass(path), cls);  // loaded once
-    auto logger = cls->logger();
-    ASSERT_TRUE(logger);
-    logger->loggerSerialQueue().sync([&] { logger->log(); });
-    EXPECT_TRUE(logger->haveLogged());
-    EXPECT_TRUE(log.messages().empty());
-}
-
 TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
     fs::create_directories(pluginDir);
     EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXMissingLogger.bundle"), nullptr);

@@ -172,6 +172,12 @@ std::string installBundle(const TestRoot& root, const std::string& built, const 
     return path;
 }
 
+std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
 bool waitFor(const std::function<bool()>& condition, double seconds) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!condition()) {
