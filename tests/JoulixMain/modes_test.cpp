@@ -73,23 +73,4 @@ TEST_F(ModesTest, FullModeDayListKeepsTodayOnceAndLast) {
     EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList), jx::Value(jx::Array{jx::Value(today)}));
 }
 
-TEST_F(ModesTest, RemainingStringBetweenPrefixAndSuffix) {
-    struct {
-        std::optional<std::string> text;
-        const char* prefix;
-        const char* suffix;
-        std::optional<std::string> expected;
-    } cases[] = {
-        {"a[]c", "[", "]", ""},
-        {"a]b[c", "[", "]", std::nullopt},  // the suffix is looked for after the prefix only
-        {"abc", "[", "]", std::nullopt},
-        {"x=1; x=2;", "x=", ";", "1"},  // the first occurrence wins
-        {std::nullopt, "[", "]", std::nullopt},
-        {"abc", "", "c", std::nullopt},
-    };
-    for (auto& c : cases)
-        EXPECT_EQ(controller->remainingStringFrom(c.text, c.prefix, c.suffix), c.expected)
-            << c.text.value_or("(nil)") << " " << c.prefix << " " << c.suffix;
-}
-
 }  // namespace

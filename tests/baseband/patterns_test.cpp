@@ -208,19 +208,4 @@ TEST_F(Patterns, MatchedLinesBecomeEvents) {
     }
 }
 
-TEST_F(Patterns, TheUserIsUsingTheDeviceWhenAnyFlagIsYes) {
-    const Dictionary idle = {{"IS_DISPLAY_ON", "DONT_KNOW"},
-                             {"IS_VOICE_CALL_UP", "NO"},
-                             {"IS_AUDIO_ASSERTION_HELD", "DONT_KNOW"},
-                             {"IS_PERSONAL_WIFI_HOTSPOT_ASSERTION_HELD", "NO"}};
-    EXPECT_FALSE(p.isUserUsingThePhone(idle));
-    for (const auto& [flag, value] : idle) {
-        Dictionary flags = idle;
-        flags[flag] = "YES";
-        EXPECT_TRUE(p.isUserUsingThePhone(flags)) << flag;
-        flags[flag] = "yes";
-        EXPECT_FALSE(p.isUserUsingThePhone(flags)) << flag;
-    }
-}
-
 }  // namespace

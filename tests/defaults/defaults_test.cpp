@@ -62,20 +62,6 @@ TEST_F(DefaultsTest, LoggingModeIsTruncatedToSixteenBits) {
     }
 }
 
-TEST_F(DefaultsTest, WrongTypedValuesReachTheCallerUntouched) {
-    jx::Array list{jx::Value("a"), jx::Value(2)};
-    JXDefaultsSetValueForKey(JXStartDelay, jx::Value("YES"));
-    JXDefaultsSetValueForKey(JXRunLoopDebug, jx::Value(list));
-    JXDefaultsSetValueForKey(JXJoulixArchiveDays, jx::Value(2.5));
-
-    jx::Value delay = JXDefaultsValueForKey(JXStartDelay);
-    ASSERT_TRUE(delay.isString());
-    EXPECT_EQ(*delay.asString(), "YES");
-    EXPECT_TRUE(delay.boolValue());
-    EXPECT_EQ(JXDefaultsValueForKey(JXRunLoopDebug), jx::Value(list));
-    EXPECT_EQ(JXDefaultsValueForKeySync(JXJoulixArchiveDays, true), jx::Value(2.5));
-}
-
 TEST_F(DefaultsTest, SetDefaultLeavesAnyExistingValueEvenAManagedOne) {
     writeManaged({{"JXLinkFaultkeeper", jx::Value(false)}});
     JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value("1 hour"));
