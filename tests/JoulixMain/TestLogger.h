@@ -13,6 +13,7 @@
 #include "platform/JXLogWriter.h"
 #include "platform/JXLogger.h"
 #include "platform/JXLoggerClass.h"
+#include "tests/support/TestSupport.h"
 
 class CountingLogger : public JXLogger {
 public:
@@ -77,12 +78,7 @@ public:
         std::fseek(file_, 0, SEEK_END);
         return out;
     }
-    std::size_t count(const std::string& text) {
-        std::string all = this->text();
-        std::size_t n = 0;
-        for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++n;
-        return n;
-    }
+    std::size_t count(const std::string& what) { return jxtest::occurrences(text(), what); }
 
 private:
     FILE* file_;

@@ -132,19 +132,6 @@ TEST_F(RunThreadTest, DaemonRunServesItsRunLoopUntilAnExitRequest) {
     EXPECT_EQ(stoppedPosts.load(), 1);
 }
 
-TEST_F(RunThreadTest, OnceRunGoesThroughTheDaemonStepsWithoutStaying) {
-    std::shared_ptr<CountingLogger> logger;
-    auto controller = start(true, false, [&](JoulixMain& c) {
-        logger = registerLogger(c, "JXAudioLogger");
-        logger->hold();
-    });
-    ASSERT_TRUE(waitFor([&] { return controller->setupComplete(); }));
-    logger->release();
-    JoulixMain::waitForRunThreads();
-    EXPECT_EQ(stoppedPosts.load(), 1);
-    EXPECT_GE(sleepsOf(50000), 1u);
-}
-
 TEST_F(RunThreadTest, StartDelayOnlyForProcessesNotNamedJoulix) {
     JXDefaultsSetValueForKey(JXStartDelay, jx::Value(true));
     struct {
@@ -168,20 +155,6 @@ TEST_F(RunThreadTest, StartDelayOnlyForProcessesNotNamedJoulix) {
     EXPECT_EQ(*(ready + 2), "Go!");
 }
 
-TEST_F(RunThreadTest, DebugSettingsSwitchOnTheirMessages) {
-    JXDefaultsSetValueForKey(JXRotateJoulixDebug, jx::Value("YES"));
-    JXDefaultsSetValueForKey(JXRunLoopDebug, jx::Value(1));
-    JXDefaultsSetValueForKey(JXBasebandPostProcessingKey, jx::Value(true));
-    auto controller = start(false, false);
-    EXPECT_TRUE(controller->rotateDebugLogging());
-    EXPECT_TRUE(controller->runLoopDebugLogging());
-    EXPECT_TRUE(controller->basebandPostProcessing());
-    EXPECT_FALSE(controller->basebandPostProcessingNotify());
-    JoulixMain::waitForRunThreads();
-    EXPECT_TRUE(log.contains("JoulixMain:runThread unblocking after initial startLoggingToFile"));
-    EXPECT_TRUE(log.contains("***  Joulix runloop stopped!!!  ***"));
-}
-
 TEST_F(RunThreadTest, SignalIsIgnoredOnceTheControllerIsGone) {
     start(false, false);
     JoulixMain::waitForRunThreads();
@@ -194,17 +167,6 @@ TEST_F(RunThreadTest, SignalIsIgnoredOnceTheControllerIsGone) {
     raise(SIGUSR1);
     signalTrigger(SIGUSR1);
     EXPECT_FALSE(JoulixMain::haveSharedJoulixMain());
-}
-
-TEST(Dependants, RunUnlessSwitchedOff) {
-    jxtest::TestRoot root;
-    EXPECT_TRUE(JoulixMain::shouldRunJoulixDependant());
-    JXDefaultsSetValueForKey(JXControlRunDependant, jx::Value(false));
-    EXPECT_FALSE(JoulixMain::shouldRunJoulixDependant());
-    JXDefaultsSetValueForKey(JXControlRunDependant, jx::Value("NO"));
-    EXPECT_FALSE(JoulixMain::shouldRunJoulixDependant());
-    JXDefaultsSetValueForKey(JXControlRunDependant, jx::Value("yes"));
-    EXPECT_TRUE(JoulixMain::shouldRunJoulixDependant());
 }
 
 TEST(FatalError, LogsOneLineAndExitsWithStatusOne) {

@@ -22,6 +22,7 @@ protected:
 
 TEST_F(ModesTest, LoggingModeNames) {
     EXPECT_EQ(controller->currentLoggingModeString(), "Lite");  // unset
+    EXPECT_EQ(controller->rotateJoulixDefaultStringValue(), "Default");
     struct {
         long long stored;
         const char* name;
@@ -48,15 +49,10 @@ TEST_F(ModesTest, LoggerAndRunningModesFollowTheRegistryAndTheProcessName) {
     check(2);  // nothing registered
     registerLogger(*controller, "JXConfigLogger");
     registerLogger(*controller, "JXDisplayLogger");
-    check(0);  // core loggers only
+    controller->loggerList()->setObject(JXValue::valueWithObject(JXNull::null()), "JXCameraLogger");
+    check(0);  // core loggers only: a null placeholder does not count
     registerLogger(*controller, "JXThermalLogger");
     check(1);
-}
-
-TEST_F(ModesTest, NullPlaceholdersDoNotCountAsRegisteredLoggers) {
-    registerLogger(*controller, "JXBatteryLogger");
-    controller->loggerList()->setObject(JXValue::valueWithObject(JXNull::null()), "JXCameraLogger");
-    EXPECT_EQ(controller->currentLoggerMode(), 0);
 }
 
 TEST_F(ModesTest, FullModeDayListKeepsTodayOnceAndLast) {
@@ -75,40 +71,6 @@ TEST_F(ModesTest, FullModeDayListKeepsTodayOnceAndLast) {
     JXDefaultsSetValueForKey(JXFullModeBlackList, jx::Value("garbage"));
     controller->blackListTodayAsFullMode();
     EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList), jx::Value(jx::Array{jx::Value(today)}));
-}
-
-TEST_F(ModesTest, RotationSettingAsText) {
-    EXPECT_EQ(controller->rotateJoulixDefaultStringValue(), "Default");
-    struct {
-        jx::Value stored;
-        const char* text;
-    } cases[] = {{jx::Value("1 minute"), "1 minute"}, {jx::Value(3), "3"}, {jx::Value(true), "1"}, {jx::Value(""), ""}};
-    for (auto& c : cases) {
-        JXDefaultsSetValueForKey(JXRotateJoulixKey, c.stored);
-        EXPECT_EQ(controller->rotateJoulixDefaultStringValue(), c.text);
-    }
-}
-
-TEST_F(ModesTest, RemainingStringBetweenPrefixAndSuffix) {
-    struct {
-        std::optional<std::string> text;
-        const char* prefix;
-        const char* suffix;
-        std::optional<std::string> expected;
-    } cases[] = {
-        {"a[b]c", "[", "]", "b"},
-        {"a[]c", "[", "]", ""},
-        {"a]b[c", "[", "]", std::nullopt},  // the suffix is looked for after the prefix only
-        {"abc", "[", "]", std::nullopt},
-        {"a[bc", "[", "]", std::nullopt},
-        {"Build=12 (6.1); Timestamp=x;", "Build=", ";", "12 (6.1)"},
-        {"x=1; x=2;", "x=", ";", "1"},  // the first occurrence wins
-        {std::nullopt, "[", "]", std::nullopt},
-        {"abc", "", "c", std::nullopt},
-    };
-    for (auto& c : cases)
-        EXPECT_EQ(controller->remainingStringFrom(c.text, c.prefix, c.suffix), c.expected)
-            << c.text.value_or("(nil)") << " " << c.prefix << " " << c.suffix;
 }
 
 }  // namespace

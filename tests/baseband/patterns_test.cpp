@@ -63,13 +63,6 @@ protected:
     Dictionary table;
 };
 
-TEST_F(Patterns, TheTableHoldsSeventeenRowsAsWritten) {
-    EXPECT_EQ(table.size(), 17u);
-    // The row that ends in a lone backslash is kept as it is.
-    EXPECT_TRUE(table["ARMUtilityValuesForTarn5"].ends_with(R"((\d+(?:.\d+)*?)\)"));
-    EXPECT_EQ(table["WakeReason"], R"(^(\d+)\/(\d+)\/(\d+)\s*(\d+):(\d+):(\d+)(\.\d+)?\s*\[Wake\]\s*reason\=(.*);)");
-}
-
 TEST_F(Patterns, EachLineMatchesItsRowAndOnlyWithAFractionOfASecond) {
     for (const LineCase& c : kLines) {
         Dictionary result = match(std::string(kStamp) + c.body + "\n");
@@ -212,21 +205,6 @@ TEST_F(Patterns, MatchedLinesBecomeEvents) {
         std::vector<std::string> texts;
         for (const auto& [time, text] : events) texts.push_back(text);
         EXPECT_EQ(texts, c.events) << c.bodies.front();
-    }
-}
-
-TEST_F(Patterns, TheUserIsUsingTheDeviceWhenAnyFlagIsYes) {
-    const Dictionary idle = {{"IS_DISPLAY_ON", "DONT_KNOW"},
-                             {"IS_VOICE_CALL_UP", "NO"},
-                             {"IS_AUDIO_ASSERTION_HELD", "DONT_KNOW"},
-                             {"IS_PERSONAL_WIFI_HOTSPOT_ASSERTION_HELD", "NO"}};
-    EXPECT_FALSE(p.isUserUsingThePhone(idle));
-    for (const auto& [flag, value] : idle) {
-        Dictionary flags = idle;
-        flags[flag] = "YES";
-        EXPECT_TRUE(p.isUserUsingThePhone(flags)) << flag;
-        flags[flag] = "yes";
-        EXPECT_FALSE(p.isUserUsingThePhone(flags)) << flag;
     }
 }
 

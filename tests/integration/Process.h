@@ -2,6 +2,7 @@
 // environment, standard output and error captured in files.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,13 +11,18 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/TestSupport.h"
+
 namespace jxtest {
+
+inline const std::string kFakeTime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
 
 inline std::string binary(const std::string& name) {
     const char* dir = std::getenv("JOULIX_BIN_DIR");
@@ -28,13 +34,6 @@ inline std::string slurp(const std::string& path) {
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
-}
-
-// How often a text holds a piece of text.
-inline std::size_t occurrences(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
 }
 
 // The end of a long text (a daemon's messages), where the reason for a failure is.
@@ -88,6 +87,42 @@ private:
     pid_t pid_ = -1;
     bool exited_ = false;
     std::string out_, err_;
+};
+
+// The real binaries under a private root, with no system bus unless the test gives one.
+class BinariesTest : public ::testing::Test {
+protected:
+    // A fresh path for one run's captured output.
+    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
+    // joulixctl under the root, run to its end; answers its exit status.
+    int ctl(std::vector<std::string> args, std::string* stdoutText = nullptr, std::string* stderrText = nullptr) {
+        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
+        Process p(args, out("ctl"), env);
+        auto status = p.wait();
+        EXPECT_TRUE(status) << "joulixctl did not end";
+        if (stdoutText) *stdoutText = p.out();
+        if (stderrText) *stderrText = p.err();
+        return status.value_or(-1);
+    }
+    // The daemon under the root, its messages on standard error; its clock faked
+    // from the given start when there is one (the library preloaded into the daemon
+    // itself, so that signals reach it).
+    std::unique_ptr<Process> joulix(std::vector<std::string> args = {}, const std::string& faketime = "") {
+        args.insert(args.begin(), {binary("joulix"), "--root", root.path(), "--log-stderr"});
+        auto e = env;
+        if (!faketime.empty()) {
+            e["LD_PRELOAD"] = kFakeTime;
+            e["FAKETIME"] = faketime;
+            // Under AddressSanitizer the preloaded library comes before the sanitizer's runtime.
+            const char* asan = std::getenv("ASAN_OPTIONS");
+            e["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
+        }
+        return std::make_unique<Process>(args, out("joulix"), e);
+    }
+
+    TestRoot root;
+    std::map<std::string, std::string> env{{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}};
+    int runs = 0;
 };
 
 }  // namespace jxtest

@@ -1,5 +1,5 @@
-// The real daemon's rolled logs in the archive, retention by age, and the
-// directory watch that re-creates a deleted log.
+// Retention of the real daemon's archives by age, the directory watch that
+// re-creates a deleted log, and the analysis at each roll.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -13,8 +13,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using jxtest::kFakeTime;
 using jxtest::Process;
-using jxtest::binary;
 using jxtest::occurrences;
 using jxtest::tail;
 using jxtest::waitFor;
@@ -22,7 +22,6 @@ using jxtest::waitFor;
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
 const std::string kFaultkeeper = "/var/mobile/Library/Logs/Faultkeeper";
 const std::string kArchive = "/var/mobile/Library/Logs/JXArchive";
-const std::string kFakeTime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
 
 // A local time a whole number of days from now, three seconds before a minute ends.
 std::string fakeStart(int days) {
@@ -35,30 +34,10 @@ std::string fakeStart(int days) {
     return text;
 }
 
-class ArchiveIntegrationTest : public ::testing::Test {
+class ArchiveIntegrationTest : public jxtest::BinariesTest {
 protected:
-    void SetUp() override {
-        root.writeFile("/etc/os-release", "VERSION_ID=\"12\"\n");
-        env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent/joulix-bus";
-    }
-    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
-    int ctl(std::vector<std::string> args) {
-        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
-        Process p(args, out("ctl"), env);
-        return p.wait().value_or(-1);
-    }
-    // The daemon, with its clock faked from the given start when there is one.
-    std::unique_ptr<Process> daemon(const std::string& faketime = "") {
-        auto e = env;
-        if (!faketime.empty()) {
-            e["LD_PRELOAD"] = kFakeTime;
-            e["FAKETIME"] = faketime;
-            const char* asan = std::getenv("ASAN_OPTIONS");
-            e["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
-        }
-        return std::make_unique<Process>(std::vector<std::string>{binary("joulix"), "--root", root.path(), "--log-stderr"},
-                                         out("joulix"), e);
-    }
+    void SetUp() override { root.writeFile("/etc/os-release", "VERSION_ID=\"12\"\n"); }
+    std::unique_ptr<Process> daemon(const std::string& faketime = "") { return joulix({}, faketime); }
     std::vector<std::string> names(const std::string& dir, const std::string& suffix) {
         std::vector<std::string> found;
         std::error_code ec;
@@ -81,33 +60,7 @@ protected:
     bool logShows(const std::string& what, std::size_t times = 1) {
         return waitFor([&] { return occurrences(root.readFile(kLog), what) >= times; });
     }
-
-    jxtest::TestRoot root;
-    std::map<std::string, std::string> env;
-    int runs = 0;
 };
-
-TEST_F(ArchiveIntegrationTest, ARollLeavesAVerifiedArchiveOfTheClosedLog) {
-    if (access(kFakeTime.c_str(), R_OK) != 0 || access("/bin/gzip", X_OK) != 0) GTEST_SKIP() << "faketime or gzip missing";
-    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
-    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
-    auto d = daemon("@2026-11-21 10:00:57 x10");
-    ASSERT_TRUE(waitFor([&] { return names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty(); }, 60))
-        << d->err();
-    d->signal(SIGTERM);
-    ASSERT_EQ(d->wait(), 0);
-
-    for (const std::string& gz : names(kArchive, ".gz")) {
-        const std::string rolled = gz.substr(0, gz.size() - 3);
-        ASSERT_TRUE(fs::exists(root(kFaultkeeper + "/" + rolled))) << gz;
-        Process test({"/bin/gzip", "-t", root(kArchive + "/" + gz)}, out("gzip"));
-        EXPECT_EQ(test.wait(), 0) << test.err();
-        Process unpack({"/bin/sh", "-c", "gzip -dc \"$0\"", root(kArchive + "/" + gz)}, out("gunzip"));
-        ASSERT_EQ(unpack.wait(), 0);
-        EXPECT_EQ(unpack.out(), root.readFile(kFaultkeeper + "/" + rolled)) << gz;
-    }
-    EXPECT_TRUE(names(kArchive, ".archive").empty());
-}
 
 TEST_F(ArchiveIntegrationTest, ArchivesOlderThanFourteenDaysGoAtARoll) {
     if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
@@ -179,11 +132,7 @@ TEST_F(ArchiveIntegrationTest, AMinuteOfSteadyLoggingWakesNoWatch) {
     if (access(kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
     ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
     ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
-    std::string plugins = root("/System/Library/JoulixPlugins");
-    fs::create_directories(plugins);
-    chmod(plugins.c_str(), 0755);
-    fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", plugins + "/JXThermalLogger.bundle");
-    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
 
     // A minute of the daemon's time, ten times as fast: a sample every 100 ms of it.
     auto d = daemon("@2026-11-21 10:00:00 x10");
@@ -214,11 +163,7 @@ TEST_F(ArchiveIntegrationTest, EachRollRunsTheBasebandAnalysisOnTheLogJustRolled
         ASSERT_EQ(ctl(setting), 0);
     }
     // A logger that writes the modem's statistics with every sample.
-    std::string plugins = root("/System/Library/JoulixPlugins");
-    fs::create_directories(plugins);
-    chmod(plugins.c_str(), 0755);
-    fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", plugins + "/JXThermalLogger.bundle");
-    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
     jx::Array lines{jx::Value("[BB HW Log] LogCode=0x1; Duration=300;"),
                     jx::Value("[BB HW RPM] XO_Shutdown=[0%,1200]; VDD_Min=[0%,0];"),
                     jx::Value("[BB HW APPS] Sleep=4; CXO_Shutdown=[90%,55];"),

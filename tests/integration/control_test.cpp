@@ -1,7 +1,6 @@
 // The running daemon steered from outside: system-wide notifications posted by
 // joulixctl over a private bus, and SIGUSR1.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -10,7 +9,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using jxtest::Process;
 using jxtest::binary;
 using jxtest::occurrences;
@@ -19,35 +17,24 @@ using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
 
-class ControlTest : public ::testing::Test {
+class ControlTest : public jxtest::BinariesTest {
 protected:
     void SetUp() override {
         if (!bus.available()) GTEST_SKIP() << "dbus-daemon is not installed";
         env["DBUS_SYSTEM_BUS_ADDRESS"] = bus.address();
         // A bundle logger under a name of the static list, so the daemon loads it.
-        std::string dir = root("/System/Library/JoulixPlugins");
-        fs::create_directories(dir);
-        chmod(dir.c_str(), 0755);
-        fs::copy_file(JOULIX_BUNDLE_DIR "/JXTestBundleLogger.bundle", dir + "/JXThermalLogger.bundle");
-        chmod((dir + "/JXThermalLogger.bundle").c_str(), 0644);
+        jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
     }
-    std::string out(const std::string& name) { return root.path() + "/" + name + std::to_string(++runs); }
-
     std::unique_ptr<Process> startCtl(std::vector<std::string> args) {
         args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
         return std::make_unique<Process>(args, out("ctl"), env);
-    }
-    int ctl(std::vector<std::string> args) {
-        auto p = startCtl(std::move(args));
-        return p->wait().value_or(-1);
     }
 
     // Starts the daemon and returns once it has said, on the bus, that it is set up.
     std::unique_ptr<Process> startDaemon() {
         auto waiter = startCtl({"wait", "com.brindle.joulix.StateChanged", "--timeout", "30"});
         EXPECT_TRUE(waitFor([&] { return waiter->out().find("waiting for") != std::string::npos; })) << waiter->err();
-        auto daemon = std::make_unique<Process>(
-            std::vector<std::string>{binary("joulix"), "--root", root.path(), "--log-stderr"}, out("joulix"), env);
+        auto daemon = joulix();
         EXPECT_EQ(waiter->wait(), 0) << waiter->err() << daemon->err();
         return daemon;
     }
@@ -56,10 +43,7 @@ protected:
         return waitFor([&] { return occurrences(logText(), what) >= times; });
     }
 
-    jxtest::TestRoot root;
     jxtest::PrivateBus bus;
-    std::map<std::string, std::string> env;
-    int runs = 0;
 };
 
 TEST_F(ControlTest, StatusAndSignalEachMakeEveryLoggerLogOnceMore) {

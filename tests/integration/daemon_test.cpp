@@ -1,6 +1,5 @@
 // The real joulix and joulixctl under a private root.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -16,31 +15,7 @@ using jxtest::waitFor;
 
 const std::string kPrefs = "/var/mobile/Library/Preferences/com.brindle.joulix.plist";
 
-class DaemonTest : public ::testing::Test {
-protected:
-    std::string out(const std::string& name) { return root.path() + "/" + name; }
-
-    // Runs joulixctl to its end; answers its exit status.
-    int ctl(std::vector<std::string> args, std::string* stdoutText = nullptr, std::string* stderrText = nullptr) {
-        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
-        Process p(args, out("ctl" + std::to_string(++runs)), env);
-        auto status = p.wait();
-        EXPECT_TRUE(status) << "joulixctl did not end";
-        if (stdoutText) *stdoutText = p.out();
-        if (stderrText) *stderrText = p.err();
-        return status.value_or(-1);
-    }
-
-    std::unique_ptr<Process> joulix(std::vector<std::string> args) {
-        args.insert(args.begin(), {binary("joulix"), "--root", root.path(), "--log-stderr"});
-        return std::make_unique<Process>(args, out("joulix" + std::to_string(++runs)), env);
-    }
-
-    jxtest::TestRoot root;
-    // No bus unless a test starts one: the daemon must run on without it.
-    std::map<std::string, std::string> env{{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}};
-    int runs = 0;
-};
+using DaemonTest = jxtest::BinariesTest;
 
 TEST_F(DaemonTest, OnceMakesTheLayoutAndEnds) {
     auto p = joulix({"--once"});
@@ -55,11 +30,7 @@ TEST_F(DaemonTest, OnceMakesTheLayoutAndEnds) {
 }
 
 TEST_F(DaemonTest, DynamicDiscoveryLoadsTheExamplePlugIn) {
-    std::string dir = root("/System/Library/JoulixPlugins");
-    std::filesystem::create_directories(dir);
-    chmod(dir.c_str(), 0755);
-    std::filesystem::copy_file(JOULIX_BUNDLE_DIR "/JXLoadAverageLogger.bundle", dir + "/JXLoadAverageLogger.bundle");
-    chmod((dir + "/JXLoadAverageLogger.bundle").c_str(), 0644);
+    jxtest::installBundle(root, "JXLoadAverageLogger.bundle", "JXLoadAverageLogger.bundle");
     ASSERT_EQ(ctl({"defaults", "write", "JXLoggerDiscovery", "dynamic"}), 0);
     auto p = joulix({"--once"});
     ASSERT_EQ(p->wait(), 0) << p->err();
@@ -73,7 +44,7 @@ TEST_F(DaemonTest, BadOptionsGiveUsageAndStatusTwo) {
     for (std::vector<std::string> args : {std::vector<std::string>{"--bogus"}, {"--once", "--stdout"}, {"extra"}, {"--root"}}) {
         std::vector<std::string> argv{binary("joulix")};
         argv.insert(argv.end(), args.begin(), args.end());
-        Process p(argv, out("bad" + std::to_string(++runs)), env);
+        Process p(argv, out("bad"), env);
         EXPECT_EQ(p.wait(), 2) << args[0];
         EXPECT_NE(p.err().find("usage: joulix"), std::string::npos) << args[0];
     }

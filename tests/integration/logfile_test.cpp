@@ -30,20 +30,18 @@ std::optional<Header> parseHeader(const std::string& firstLine) {
     return Header{m[1], m[2], m[3]};
 }
 
-class LogFileIntegrationTest : public ::testing::Test {
+class LogFileIntegrationTest : public jxtest::BinariesTest {
 protected:
-    void SetUp() override { setOSVersion("12"); }
+    void SetUp() override {
+        setOSVersion("12");
+        env["TZ"] = "UTC";
+    }
     void setOSVersion(const std::string& v) { root.writeFile("/etc/os-release", "NAME=\"Test OS\"\nVERSION_ID=\"" + v + "\"\n"); }
-    std::string out(const std::string& name) { return root.path() + "/" + name; }
-
-    int run(std::vector<std::string> args, const std::vector<std::string>& prefix = {}) {
-        std::vector<std::string> argv = prefix;
-        argv.push_back(binary(args[0]));
-        argv.insert(argv.end(), {"--root", root.path()});
-        argv.insert(argv.end(), args.begin() + 1, args.end());
-        Process p(argv, out("run" + std::to_string(++runs)), env);
-        auto status = p.wait(60);
-        lastErr = p.err();
+    // One run of the daemon with --once; answers its exit status.
+    int once() {
+        auto p = joulix({"--once"});
+        auto status = p->wait(60);
+        lastErr = p->err();
         return status.value_or(-1);
     }
     std::string firstLine(const std::string& absolute) {
@@ -58,18 +56,14 @@ protected:
         return names;
     }
 
-    jxtest::TestRoot root;
-    std::map<std::string, std::string> env{{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"},
-                                           {"TZ", "UTC"}};
     std::string lastErr;
-    int runs = 0;
 };
 
 TEST_F(LogFileIntegrationTest, OnceCreatesContinuesAndRollsAfterASystemUpdate) {
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
 
-    ASSERT_EQ(run({"joulix", "--once"}), 0) << lastErr;
+    ASSERT_EQ(once(), 0) << lastErr;
     auto first = parseHeader(firstLine(kLog));
     ASSERT_TRUE(first) << firstLine(kLog);
     EXPECT_EQ(first->build.substr(0, 4), "12 (");
@@ -79,7 +73,7 @@ TEST_F(LogFileIntegrationTest, OnceCreatesContinuesAndRollsAfterASystemUpdate) {
     EXPECT_EQ(rolledLogs(), std::vector<std::string>{rolledName});
 
     // Same period, same build: the same file goes on.
-    ASSERT_EQ(run({"joulix", "--once"}), 0) << lastErr;
+    ASSERT_EQ(once(), 0) << lastErr;
     const std::string secondText = root.readFile(kLog);
     EXPECT_GT(secondText.size(), firstText.size());
     EXPECT_EQ(secondText.substr(0, firstText.size()), firstText);
@@ -87,7 +81,7 @@ TEST_F(LogFileIntegrationTest, OnceCreatesContinuesAndRollsAfterASystemUpdate) {
 
     // A system update: the next start rolls the log under its own name and begins a new one.
     setOSVersion("13");
-    ASSERT_EQ(run({"joulix", "--once"}), 0) << lastErr;
+    ASSERT_EQ(once(), 0) << lastErr;
     auto fresh = parseHeader(firstLine(kLog));
     ASSERT_TRUE(fresh);
     EXPECT_NE(fresh->guid, first->guid);
@@ -100,12 +94,12 @@ TEST_F(LogFileIntegrationTest, OnceCreatesContinuesAndRollsAfterASystemUpdate) {
 
 TEST_F(LogFileIntegrationTest, HeaderPushedPastTheFirst512BytesCountsAsMissing) {
     setOSVersion(std::string(600, '9'));
-    ASSERT_EQ(run({"joulix", "--once"}), 0) << lastErr;
+    ASSERT_EQ(once(), 0) << lastErr;
     std::string line = firstLine(kLog);
     ASSERT_NE(line.find("File_GUID="), std::string::npos);
     ASSERT_GT(line.find("File_GUID="), 512u);
     std::string before = root.readFile(kLog);
-    ASSERT_EQ(run({"joulix", "--once"}), 0) << lastErr;
+    ASSERT_EQ(once(), 0) << lastErr;
     // Not continued: a new log replaced it, with a GUID of its own.
     std::string after = firstLine(kLog);
     EXPECT_NE(after, line);
@@ -113,11 +107,11 @@ TEST_F(LogFileIntegrationTest, HeaderPushedPastTheFirst512BytesCountsAsMissing) 
 }
 
 TEST_F(LogFileIntegrationTest, RotationOffDiscardsTheOldLogAtEveryStart) {
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXRotateJoulix", "0"}), 0);
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXLinkFaultkeeper", "-bool", "NO"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "0"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "NO"}), 0);
     std::set<std::string> guids;
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(run({"joulix", "--once"}), 0) << lastErr;
+        ASSERT_EQ(once(), 0) << lastErr;
         auto h = parseHeader(firstLine(kLog));
         ASSERT_TRUE(h);
         guids.insert(h->guid);
@@ -134,13 +128,12 @@ TEST_F(LogFileIntegrationTest, StdoutRunWritesTheLogToStandardOutputOnly) {
 }
 
 TEST_F(LogFileIntegrationTest, DaemonRestartInTheSamePeriodContinuesAndSaysSo) {
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
     for (int i = 0; i < 2; ++i) {
-        std::vector<std::string> argv{binary("joulix"), "--root", root.path(), "--log-stderr"};
-        Process daemon(argv, out("daemon" + std::to_string(i)), env);
-        ASSERT_TRUE(waitFor([&] { return daemon.err().find("unblocking after initial") != std::string::npos; }));
-        daemon.signal(SIGTERM);
-        ASSERT_EQ(daemon.wait(), 0);
+        auto daemon = joulix();
+        ASSERT_TRUE(waitFor([&] { return daemon->err().find("unblocking after initial") != std::string::npos; }));
+        daemon->signal(SIGTERM);
+        ASSERT_EQ(daemon->wait(), 0);
     }
     const std::string log = root.readFile(kLog);
     auto missing = log.find("[Log] state=Missing File;");
@@ -155,25 +148,26 @@ TEST_F(LogFileIntegrationTest, DaemonRestartInTheSamePeriodContinuesAndSaysSo) {
     EXPECT_EQ(headers, 1);
 }
 
-TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItself) {
-    const std::string libfaketime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
-    if (access(libfaketime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
-    ASSERT_EQ(run({"joulixctl", "defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItselfAndArchivesEachClosedLog) {
+    if (access(jxtest::kFakeTime.c_str(), R_OK) != 0 || access("/bin/gzip", X_OK) != 0)
+        GTEST_SKIP() << "libfaketime or gzip missing";
+    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
+    ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
     // The daemon's clock starts just before midnight and runs ten times as fast: two
-    // minute boundaries pass in about nine seconds. The library is preloaded into the
-    // daemon itself, so that the signal below reaches the daemon.
-    auto fakeEnv = env;
-    fakeEnv["LD_PRELOAD"] = libfaketime;
-    fakeEnv["FAKETIME"] = "@2026-11-21 23:59:57 x10";
-    // Under AddressSanitizer the preloaded library comes before the sanitizer's runtime.
-    const char* asan = std::getenv("ASAN_OPTIONS");
-    fakeEnv["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
-    std::vector<std::string> argv{binary("joulix"), "--root", root.path(), "--log-stderr"};
-    Process daemon(argv, out("daemon"), fakeEnv);
-    ASSERT_TRUE(waitFor([&] { return rolledLogs().size() >= 3; }, 60)) << daemon.err();
-    daemon.signal(SIGTERM);
-    ASSERT_EQ(daemon.wait(), 0);
+    // minute boundaries pass in about nine seconds.
+    auto daemon = joulix({}, "@2026-11-21 23:59:57 x10");
+    const std::string archive = "/var/mobile/Library/Logs/JXArchive/";
+    auto archives = [&](const std::string& suffix) {
+        std::vector<std::string> found;
+        std::error_code ec;  // none before the daemon has made the directory
+        for (auto& e : std::filesystem::directory_iterator(root(archive), ec))
+            if (e.path().string().ends_with(suffix)) found.push_back(e.path().filename());
+        return found;
+    };
+    ASSERT_TRUE(waitFor([&] { return rolledLogs().size() >= 3 && archives(".gz").size() >= 2 && archives(".archive").empty(); }, 60))
+        << daemon->err();
+    daemon->signal(SIGTERM);
+    ASSERT_EQ(daemon->wait(), 0);
 
     // Every rolled file is named after its own header.
     std::vector<std::string> states;
@@ -191,6 +185,17 @@ TEST_F(LogFileIntegrationTest, DaemonRollsAtEachMinuteByItself) {
                             "periodStart=2026-11-22 00:00:00 +0000; rolloverDate=2026-11-22 00:01:00 +0000;"),
               std::string::npos) << firstLog;
     EXPECT_NE(rolledLogs()[1].find("JX_2026-11-22-0000"), std::string::npos);
+
+    // Each closed log is archived beside its rolled name, verified by gzip itself.
+    for (const std::string& gz : archives(".gz")) {
+        const std::string rolled = gz.substr(0, gz.size() - 3);
+        ASSERT_TRUE(std::filesystem::exists(root(kFaultkeeper + "/" + rolled))) << gz;
+        Process test({"/bin/gzip", "-t", root(archive + gz)}, out("gzip"));
+        EXPECT_EQ(test.wait(), 0) << test.err();
+        Process unpack({"/bin/sh", "-c", "gzip -dc \"$0\"", root(archive + gz)}, out("gunzip"));
+        ASSERT_EQ(unpack.wait(), 0);
+        EXPECT_EQ(unpack.out(), root.readFile(kFaultkeeper + "/" + rolled)) << gz;
+    }
 }
 
 }  // namespace

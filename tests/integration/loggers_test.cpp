@@ -1,7 +1,6 @@
 // The built-in loggers in the real daemon, reading this machine's own kernel files.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -10,14 +9,14 @@
 
 namespace {
 
-using jxtest::binary;
 using jxtest::Process;
 
-TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot) {
-    jxtest::TestRoot root;
-    Process p({binary("joulix"), "--root", root.path(), "--log-stderr", "--once"}, root.path() + "/joulix",
-              {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}});
-    ASSERT_EQ(p.wait(), 0) << p.err();
+using LoggersIntegrationTest = jxtest::BinariesTest;
+
+TEST_F(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot) {
+    auto run = joulix({"--once"});
+    ASSERT_EQ(run->wait(), 0) << run->err();
+    Process& p = *run;
     const std::string log = root.readFile("/var/mobile/Library/Logs/CurrentJoulix.joulix");
     EXPECT_EQ(log.find("[Joulix] Version="), 24u) << log;
     for (const char* entry :
@@ -54,16 +53,11 @@ TEST(LoggersIntegrationTest, OnceWritesTheBuiltInLoggersEntriesUnderAPrivateRoot
     }
 }
 
-TEST(LoggersIntegrationTest, TheThermalBundleLoadsInTheDaemon) {
-    jxtest::TestRoot root;
-    const std::string plugins = root("/System/Library/JoulixPlugins");
-    std::filesystem::create_directories(plugins);
-    chmod(plugins.c_str(), 0755);
-    std::filesystem::copy_file(JOULIX_BUNDLE_DIR "/JXThermalLogger.bundle", plugins + "/JXThermalLogger.bundle");
-    chmod((plugins + "/JXThermalLogger.bundle").c_str(), 0644);
-    Process p({binary("joulix"), "--root", root.path(), "--log-stderr", "--once"}, root.path() + "/joulix",
-              {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bus"}});
-    ASSERT_EQ(p.wait(), 0) << p.err();
+TEST_F(LoggersIntegrationTest, TheThermalBundleLoadsInTheDaemon) {
+    jxtest::installBundle(root, "JXThermalLogger.bundle", "JXThermalLogger.bundle");
+    auto run = joulix({"--once"});
+    ASSERT_EQ(run->wait(), 0) << run->err();
+    Process& p = *run;
     EXPECT_NE(p.err().find("setting up bundle logger JXThermalLogger"), std::string::npos) << p.err();
     EXPECT_EQ(p.err().find("Could not find JXThermalLogger"), std::string::npos) << p.err();
     // The machine's own thermal class: entries where it has zones, else one line at most.

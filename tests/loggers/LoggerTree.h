@@ -20,9 +20,9 @@ protected:
     // Writes a file of the fake tree: path begins with /sys, /proc or /etc.
     void put(const std::string& path, const std::string& contents) const { root.writeFile(path, contents); }
 
-    // The bodies ("[Tag] fields") of the lines written so far with that tag, each
-    // checked to begin with the log's time stamp.
-    std::vector<std::string> lines(const std::string& tag) {
+    // The lines written so far with that tag, each checked to begin with the log's
+    // time stamp: their bodies ("[Tag] fields"), or whole when stamped.
+    std::vector<std::string> lines(const std::string& tag, bool stamped = false) {
         std::vector<std::string> out;
         std::string text = written.text();
         std::size_t at = 0;
@@ -38,7 +38,7 @@ protected:
                 continue;
             }
             std::string body = line.substr(24);
-            if (body.rfind("[" + tag + "]", 0) == 0) out.push_back(body);
+            if (body.rfind("[" + tag + "]", 0) == 0) out.push_back(stamped ? line : body);
         }
         return out;
     }

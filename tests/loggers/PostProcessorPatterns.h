@@ -18,9 +18,8 @@ public:
     }
     // The event the line stands for, "" for none.
     std::string eventFor(const std::string& line) {
-        JXBasebandPostProcessing::Dictionary events;
-        processor_.dispatchMatchedResult(processor_.getMatchedResultsFor(line, table_), events);
-        return events.size() == 1 ? events.begin()->second : std::string();
+        const auto events = eventsFor({line});
+        return events.size() == 1 ? events[0] : std::string();
     }
 
     // The events a run of lines stands for, in order, read as one log: the

@@ -48,14 +48,6 @@ TEST_F(ConfigLoggerTest, PrefersTheDeviceTreeModelAndTheBuildIdentifier) {
         << line;
 }
 
-TEST_F(ConfigLoggerTest, NothingToReadWritesNothingAndSaysSoOnce) {
-    auto logger = std::make_shared<JXConfigLogger>(sys(), proc(), etc());
-    logger->log();
-    logger->log();
-    EXPECT_TRUE(lines("Config").empty());
-    EXPECT_EQ(log.countContaining("JXConfigLogger: nothing to read"), 1u);
-}
-
 // The default locale and zone of the process, set for the test and put back.
 class LocaleLoggerTest : public LoggerTree {
 protected:

@@ -65,13 +65,6 @@ TEST_F(ProcessMonitorTest, TopCountLimitsTheEntries) {
     EXPECT_EQ(lines("Process").size(), 2u + 5u);
 }
 
-TEST_F(ProcessMonitorTest, NoProcfsIsQuiet) {
-    logger->log();
-    logger->log();
-    EXPECT_TRUE(lines("Process").empty());
-    EXPECT_EQ(log.countContaining("JXProcessMonitorLogger: no process statistics"), 1u);
-}
-
 class NetworkLoggerTest : public LoggerTree {
 protected:
     void table(long ethRx, long ethTx) {
@@ -108,14 +101,6 @@ TEST_F(NetworkLoggerTest, ATriggeredSampleGivesEveryInterfaceAndATickOnlyThoseTh
         0u);
     logger->log();
     EXPECT_EQ(lines("Network").size(), 5u);
-}
-
-TEST_F(NetworkLoggerTest, NoCountersIsQuiet) {
-    logger->log();
-    put("/proc/net/dev", "Inter-|   Receive |  Transmit\n face |bytes |bytes\n");
-    logger->logChanges();
-    EXPECT_TRUE(lines("Network").empty());
-    EXPECT_EQ(log.countContaining("JXNetworkLogger: no interface counters"), 1u);
 }
 
 }  // namespace

@@ -2,15 +2,13 @@
 // suspend statistics where there is none.
 #include <fcntl.h>
 #include <poll.h>
-#include <systemd/sd-bus.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 
 #include "platform/FileDescriptor.h"
 #include "plugins/builtin/JXBuiltinLoggers.h"
+#include "tests/loggers/BusServer.h"
 #include "tests/loggers/LoggerTree.h"
 #include "tests/loggers/PostProcessorPatterns.h"
 
@@ -24,20 +22,10 @@ using jxtest::waitFor;
 class FakeLoginManager {
 public:
     FakeLoginManager() {
-        sd_bus* bus = nullptr;
-        if (sd_bus_open_system(&bus) < 0) return;
-        bus_ = bus;
-        if (sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
-                                     kVtable, this) < 0 ||
-            sd_bus_request_name(bus_, "org.freedesktop.login1", 0) < 0)
-            return;
-        ready_ = true;
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~FakeLoginManager() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        if (bus_) sd_bus_flush_close_unref(bus_);
+        ready_ = server_.bus() &&
+                 sd_bus_add_object_vtable(server_.bus(), nullptr, "/org/freedesktop/login1",
+                                          "org.freedesktop.login1.Manager", kVtable, this) >= 0 &&
+                 server_.serve("org.freedesktop.login1", [this] { emitPending(); });
     }
     bool ready() const { return ready_; }
     void prepareForSleep(bool start) {
@@ -71,20 +59,15 @@ private:
         return r;
     }
 
-    void serve() {
-        while (!stop_) {
-            std::vector<bool> pending;
-            {
-                std::lock_guard lock(mutex_);
-                pending.swap(pending_);
-            }
-            for (bool start : pending)
-                sd_bus_emit_signal(bus_, "/org/freedesktop/login1", "org.freedesktop.login1.Manager", "PrepareForSleep",
-                                   "b", static_cast<int>(start));
-            while (sd_bus_process(bus_, nullptr) > 0) {
-            }
-            sd_bus_wait(bus_, 5000);
+    void emitPending() {
+        std::vector<bool> pending;
+        {
+            std::lock_guard lock(mutex_);
+            pending.swap(pending_);
         }
+        for (bool start : pending)
+            sd_bus_emit_signal(server_.bus(), "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                               "PrepareForSleep", "b", static_cast<int>(start));
     }
 
     static constexpr sd_bus_vtable kVtable[] = {
@@ -94,13 +77,11 @@ private:
         SD_BUS_VTABLE_END,
     };
 
-    sd_bus* bus_ = nullptr;
     bool ready_ = false;
-    std::atomic<bool> stop_{false};
     std::mutex mutex_;
     std::vector<bool> pending_;
     std::vector<jx::FileDescriptor> locks_;
-    std::thread thread_;
+    BusServer server_;  // last: stops before the members its handlers use go
 };
 
 class SleepWakeTest : public LoggerTree {
@@ -111,14 +92,7 @@ protected:
         put(base + "wakeup_count", std::to_string(count) + "\n");
         put(base + "last_change_ms", std::to_string(changedMs) + "\n");
     }
-    std::string stamped(const std::string& tag, std::size_t n) {
-        const std::string all = text();
-        std::size_t at = std::string::npos;
-        for (std::size_t i = 0; i <= n; ++i) at = all.find(" [" + tag + "]", at == std::string::npos ? 0 : at + 1);
-        std::size_t start = all.rfind('\n', at);
-        start = start == std::string::npos ? 0 : start + 1;
-        return all.substr(start, all.find('\n', at) - start);
-    }
+    std::string stamped(const std::string& tag, std::size_t n) { return lines(tag, true).at(n); }
     std::shared_ptr<JXSleepWakeLogger> logger = std::make_shared<JXSleepWakeLogger>(sys());
     PostProcessorPatterns patterns;
 };

@@ -1,12 +1,10 @@
 // Modems from a modem manager on a private system bus.
-#include <systemd/sd-bus.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 
 #include "plugins/builtin/JXBuiltinLoggers.h"
+#include "tests/loggers/BusServer.h"
 #include "tests/loggers/LoggerTree.h"
 #include "tests/loggers/PostProcessorPatterns.h"
 
@@ -18,29 +16,13 @@ namespace {
 class FakeModemManager {
 public:
     FakeModemManager() {
-        sd_bus* bus = nullptr;
-        if (sd_bus_open_system(&bus) < 0) return;
-        bus_ = bus;
-        if (sd_bus_add_object_manager(bus_, nullptr, "/org/freedesktop/ModemManager1") < 0 ||
-            sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/ModemManager1/Modem/0",
-                                     "org.freedesktop.ModemManager1.Modem", kModemVtable, this) < 0 ||
-            sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/ModemManager1/Call/1",
-                                     "org.freedesktop.ModemManager1.Call", kCallVtable, this) < 0 ||
-            sd_bus_request_name(bus_, "org.freedesktop.ModemManager1", 0) < 0)
-            return;
-        ready_ = true;
-        thread_ = std::thread([this] {
-            while (!stop_) {
-                while (sd_bus_process(bus_, nullptr) > 0) {
-                }
-                sd_bus_wait(bus_, 5000);
-            }
-        });
-    }
-    ~FakeModemManager() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        if (bus_) sd_bus_flush_close_unref(bus_);
+        sd_bus* bus = server_.bus();
+        ready_ = bus && sd_bus_add_object_manager(bus, nullptr, "/org/freedesktop/ModemManager1") >= 0 &&
+                 sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/ModemManager1/Modem/0",
+                                          "org.freedesktop.ModemManager1.Modem", kModemVtable, this) >= 0 &&
+                 sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/ModemManager1/Call/1",
+                                          "org.freedesktop.ModemManager1.Call", kCallVtable, this) >= 0 &&
+                 server_.serve("org.freedesktop.ModemManager1");
     }
     bool ready() const { return ready_; }
     struct State {
@@ -92,12 +74,10 @@ private:
         SD_BUS_VTABLE_END,
     };
 
-    sd_bus* bus_ = nullptr;
     bool ready_ = false;
-    std::atomic<bool> stop_{false};
     std::mutex mutex_;
     State state_;
-    std::thread thread_;
+    BusServer server_;  // last: stops before the state its handlers read goes
 };
 
 class TelephonyLoggerTest : public LoggerTree {
@@ -144,9 +124,7 @@ TEST_F(TelephonyLoggerTest, EachModemWithItsCallStateForThePostProcessor) {
         logger->log();
         ASSERT_FALSE(lines("Telephony").empty());
         EXPECT_EQ(lines("Telephony").back(), c.line);
-        const std::string all = text();
-        const std::size_t start = all.rfind('\n', all.rfind(" [Telephony]")) + 1;
-        const std::string stamped = all.substr(start, all.find('\n', start) - start);
+        const std::string stamped = lines("Telephony", true).back();
         EXPECT_EQ(patterns.rowFor(stamped), "TelephonyStatus");
         EXPECT_EQ(patterns.eventFor(stamped), c.event);
     }

@@ -1,5 +1,4 @@
-// Thermal zones and cooling devices from a fake sysfs, and the shipped bundle.
-#include "platform/JXLoggerClass.h"
+// Thermal zones and cooling devices from a fake sysfs.
 #include "plugins/thermal/JXThermalLogger.h"
 #include "tests/loggers/LoggerTree.h"
 
@@ -40,22 +39,6 @@ TEST_F(ThermalLoggerTest, ZonesAndCoolingDevicesThenOnlyWhatMoved) {
     EXPECT_EQ(lines("Cooling").back(), "[Cooling] device=Processor; state=2; max_state=3;");
     logger->log();
     EXPECT_EQ(lines("Thermal").size(), 5u);
-}
-
-TEST_F(ThermalLoggerTest, NoThermalClassIsQuiet) {
-    logger->log();
-    logger->logChanges();
-    EXPECT_TRUE(lines("Thermal").empty());
-    EXPECT_EQ(log.countContaining("JXThermalLogger: no thermal zone"), 1u);
-}
-
-TEST(ThermalBundleTest, TheBundlesPrincipalClassMakesTheThermalLogger) {
-    JXLoggerClass* c = JXBundle::principalClass(JOULIX_BUNDLE_DIR "/JXThermalLogger.bundle");
-    ASSERT_TRUE(c);
-    EXPECT_EQ(c->name(), "JXThermalLogger");
-    std::shared_ptr<JXLogger> logger = c->logger();
-    ASSERT_TRUE(logger);
-    EXPECT_EQ(logger->name(), "JXThermalLogger");
 }
 
 }  // namespace

@@ -93,16 +93,4 @@ TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsI
     EXPECT_EQ(logger->ticks.load(), atStop);
 }
 
-TEST(BuiltinLoggersTest, AreClassesTheControllerFindsByName) {
-    for (const char* name :
-         {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger", "JXNetworkLogger",
-          "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger", "JXSleepWakeLogger", "JXTelephonyLogger"}) {
-        JXLoggerClass* c = JXClassRegistry::lookUpClass(name);
-        ASSERT_TRUE(c) << name;
-        std::shared_ptr<JXLogger> logger = c->logger();
-        ASSERT_TRUE(logger) << name;
-        EXPECT_EQ(logger->name(), name);
-    }
-}
-
 }  // namespace

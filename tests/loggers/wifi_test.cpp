@@ -48,12 +48,4 @@ TEST_F(WiFiLoggerTest, ARadioWithTheWirelessExtensionsDirectoryAndNoStatisticsTa
     EXPECT_EQ(lines("WiFi"), std::vector<std::string>{"[WiFi] interface=wlp2s0; link=YES;"});
 }
 
-TEST_F(WiFiLoggerTest, NoWirelessInterfaceIsQuiet) {
-    std::filesystem::remove_all(root("/sys/class/net/wlan0"));
-    logger->log();
-    logger->logChanges();
-    EXPECT_TRUE(lines("WiFi").empty());
-    EXPECT_EQ(log.countContaining("JXWiFiLogger: no wireless interface"), 1u);
-}
-
 }  // namespace

@@ -4,7 +4,6 @@
 #include <thread>
 #include <vector>
 
-#include "platform/JXUtilities.h"
 #include "platform/NotificationCenter.h"
 
 namespace {
@@ -47,14 +46,6 @@ TEST_F(NotificationTest, ObjectAndUserInfoReachTheObserverOnThePostingThread) {
     EXPECT_EQ(got.object, &b);
     EXPECT_EQ(got.userInfo, info);
     EXPECT_EQ(calledOn, posterId);
-
-    // The utilities post through the default centre.
-    auto& shared = NotificationCenter::defaultCenter();
-    shared.addObserver(&a, "JXTestPost", [&](const Notification& n) { got = n; });
-    JXUtilities::postNotificationName("JXTestPost", &a, jx::Value("info"));
-    shared.removeObserver(&a);
-    EXPECT_EQ(got.object, &a);
-    EXPECT_EQ(got.userInfo, jx::Value("info"));
 }
 
 TEST_F(NotificationTest, RemovingAnObserverByNameOrEntirely) {

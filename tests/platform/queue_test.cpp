@@ -30,16 +30,6 @@ TEST(SerialQueue, RunsTasksInOrderOnOneOtherThreadAndDrainsBeforeDestruction) {
     EXPECT_NE(threads.front(), std::this_thread::get_id());
 }
 
-TEST(SerialQueue, SyncWaitsForTheTaskAndSeesItsEffects) {
-    SerialQueue q("test.sync");
-    std::atomic<bool> release{false};
-    q.async([&] { jxtest::waitFor([&] { return release.load(); }); });  // keeps the queue busy
-    int result = 0;  // plain int: sync must order the task's write before its return
-    release = true;
-    q.sync([&] { result = 7; });
-    EXPECT_EQ(result, 7);
-}
-
 TEST(SerialQueue, SyncFromItsOwnTaskRunsInline) {
     SerialQueue q("test.reentrant"), other("test.other");
     other.sync([&] { EXPECT_FALSE(q.isCurrent()); });

@@ -83,12 +83,10 @@ TEST(Value, Description) {
         Value v;
         const char* text;
     } cases[] = {
-        {Value(), "(null)"}, {Value("two words"), "two words"}, {Value(-5), "-5"}, {Value(true), "1"},
-        {Value(false), "0"}, {Value(6.01), "6.01"}, {Value(1.0), "1"}, {Value(0.1 + 0.2), "0.30000000000000004"},
+        {Value(), "(null)"}, {Value(true), "1"}, {Value(1.0), "1"}, {Value(0.1 + 0.2), "0.30000000000000004"},
         {Value(jx::Date{1795000000.75}), "2026-11-18 11:06:40 +0000"},
         {Value(jx::Data{0xde, 0xad, 0xbe, 0xef, 0x01}), "<deadbeef 01>"},
         {Value(jx::Array{}), "(\n)"},
-        {Value(jx::Array{Value("a"), Value(1), Value(true)}), "(\n    a,\n    1,\n    1\n)"},
         {Value(jx::Dictionary{}), "{\n}"},
         {Value(jx::Dictionary{{"key", Value("value")}, {"n", Value(2)}}), "{\n    key = value;\n    n = 2;\n}"},
         // Inside collections, strings other than plain words are quoted, keys too.
@@ -112,9 +110,8 @@ TEST(JXValue, RendersAsTheLogShowsIt) {
         JXValue v;
         const char* text;
     } cases[] = {
-        {JXValue::valueWithString("on battery"), "on battery"}, {JXValue::valueWithString("5", "mA"), "5mA"},
-        {JXValue::valueWithLong(-12), "-12"}, {JXValue::valueWithLong(250, "ms"), "250ms"},
-        {JXValue::valueWithDouble(6.01), "6.01"}, {JXValue::valueWithDouble(0.1 + 0.2), "0.30000000000000004"},
+        {JXValue::valueWithString("5", "mA"), "5mA"}, {JXValue::valueWithLong(250, "ms"), "250ms"},
+        {JXValue::valueWithDouble(0.1 + 0.2), "0.30000000000000004"},
         {JXValue::valueWithDouble(3.0, "V"), "3V"}, {JXValue::valueWithBool(true), "YES"},
         {JXValue::valueWithBool(false), "NO"}, {JXValue::valueWithGeneric(Value(false)), "NO"},
         {JXValue::valueWithGeneric(Value(7)), "7"}, {JXValue::valueWithGeneric(Value(), "mA"), "(null)"},
@@ -123,8 +120,6 @@ TEST(JXValue, RendersAsTheLogShowsIt) {
         {JXValue::valueWithObject(JXNull::null()), "<null>"},
     };
     for (auto& c : cases) EXPECT_EQ(rendered(c.v), c.text);
-    EXPECT_EQ(JXValue::valueWithString("").format(), JXValue::kString);
-    EXPECT_EQ(JXValue::valueWithDouble(1, "", 99).format(), 99);
 }
 
 TEST(JXValue, TimesFollowTheLocalZone) {

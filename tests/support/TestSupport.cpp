@@ -1,5 +1,6 @@
 #include "tests/support/TestSupport.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -158,6 +159,23 @@ std::vector<std::string> RecordingSystemCenter::observed() const {
 std::vector<std::string> RecordingSystemCenter::posted() const {
     std::lock_guard lock(mutex_);
     return posted_;
+}
+
+std::string installBundle(const TestRoot& root, const std::string& built, const std::string& as, mode_t mode) {
+    const std::string dir = root("/System/Library/JoulixPlugins");
+    std::filesystem::create_directories(dir);
+    chmod(dir.c_str(), 0755);
+    const std::string path = dir + "/" + as;
+    std::filesystem::copy_file(std::string(JOULIX_BUNDLE_DIR "/") + built, path,
+                               std::filesystem::copy_options::overwrite_existing);
+    chmod(path.c_str(), mode);
+    return path;
+}
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
 }
 
 bool waitFor(const std::function<bool()>& condition, double seconds) {

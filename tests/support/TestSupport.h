@@ -90,6 +90,13 @@ private:
     std::vector<Observer> observers_;
 };
 
+// Copies a bundle of the build into the root's plug-in directory under another
+// name, with the modes a trusted plug-in has; answers the installed path.
+std::string installBundle(const TestRoot& root, const std::string& built, const std::string& as, mode_t mode = 0644);
+
+// How often a text holds a piece of text.
+std::size_t occurrences(const std::string& text, const std::string& what);
+
 // Waits (with a deadline, polling a condition) — for tests of asynchronous work.
 bool waitFor(const std::function<bool()>& condition, double seconds = 10.0);
 
