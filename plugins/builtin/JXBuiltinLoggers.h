@@ -179,7 +179,6 @@ private:
     void writeWake();
     std::string sys_;
     std::unique_ptr<BusWatch> watch_;
-    bool started_ = false;
     std::optional<long long> suspends_;        // the kernel's count when last looked at
     std::map<std::string, long long> before_;  // each wake-up source's count before the sleep
     jx::FileDescriptor inhibitor_;

@@ -165,15 +165,10 @@ JXSleepWakeLogger::JXSleepWakeLogger(std::string sysRoot)
 // The watch's thread is stopped before the rest of the logger goes.
 JXSleepWakeLogger::~JXSleepWakeLogger() { watch_.reset(); }
 
+// While counting suspends, each triggered sample (rare enough to ask) looks for the
+// login manager again, and else takes up a changed period setting.
 void JXSleepWakeLogger::logSample() {
-    if (!started_) {
-        started_ = true;
-        follow();
-    } else if (!watch_) {
-        // Counting suspends: the login manager may be back (a triggered sample is
-        // rare enough to ask), else the period setting may have changed.
-        follow();
-    }
+    if (!watch_) follow();
 }
 
 void JXSleepWakeLogger::follow() {
