@@ -49,14 +49,7 @@ public:
         if (sd_bus_open_system(&raw) < 0) return nullptr;
         std::unique_ptr<BusWatch> w(
             new BusWatch(Bus(raw), std::move(onPrepare), std::move(onLock), std::move(onLost)));
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        sd_bus_message* reply = nullptr;
-        int hasOwner = 0;
-        int r = sd_bus_call_method(w->bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                   "org.freedesktop.DBus", "NameHasOwner", &error, &reply, "s", kLoginService);
-        Message owned(reply);
-        sd_bus_error_free(&error);
-        if (r < 0 || sd_bus_message_read(reply, "b", &hasOwner) < 0 || !hasOwner) return nullptr;
+        if (!jx::nameHasOwner(w->bus_.get(), kLoginService)) return nullptr;
         // Added synchronously: once start returns, no signal is missed.
         sd_bus_slot* slot = nullptr;
         const std::string rule = std::string("type='signal',sender='") + kLoginService + "',path='" + kLoginPath +

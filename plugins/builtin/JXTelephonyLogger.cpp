@@ -187,23 +187,18 @@ void JXTelephonyLogger::write(bool everything) {
     Objects objects;
     bool managerThere = false;
     if (bus_) {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        sd_bus_message* reply = nullptr;
-        int owner = 0;
         // Asked first so that the logger never starts a modem manager that is not running.
-        int r = sd_bus_call_method(bus_->bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                   "org.freedesktop.DBus", "NameHasOwner", &error, &reply, "s", kService);
-        Message ownerReply(reply);
-        sd_bus_error_free(&error);
-        if (r >= 0 && sd_bus_message_read(reply, "b", &owner) >= 0 && owner) {
-            reply = nullptr;
-            r = sd_bus_call_method(bus_->bus.get(), kService, kRoot, "org.freedesktop.DBus.ObjectManager",
-                                   "GetManagedObjects", &error, &reply, "");
+        if (jx::nameHasOwner(bus_->bus.get(), kService)) {
+            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_message* reply = nullptr;
+            const int r = sd_bus_call_method(bus_->bus.get(), kService, kRoot, "org.freedesktop.DBus.ObjectManager",
+                                             "GetManagedObjects", &error, &reply, "");
             Message objectsReply(reply);
             sd_bus_error_free(&error);
             managerThere = r >= 0 && readObjects(reply, &objects) >= 0;
         }
-        if (r < 0 && (r == -ECONNRESET || r == -ENOTCONN)) bus_.reset();
+        // A connection the bus dropped is opened again at the next sample.
+        if (sd_bus_is_open(bus_->bus.get()) <= 0) bus_.reset();
     }
 
     std::vector<JXEntry> entries;

@@ -138,6 +138,26 @@ TEST_F(TelephonyLoggerTest, EachModemWithItsCallStateForThePostProcessor) {
     logger.reset();
 }
 
+TEST_F(TelephonyLoggerTest, ARestartedBusIsJoinedAgainAtTheNextSample) {
+    jxtest::PrivateBus bus;
+    if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
+    {
+        FakeModemManager manager;
+        ASSERT_TRUE(manager.ready());
+        logger->log();
+        ASSERT_EQ(lines("Telephony").size(), 1u);
+        ASSERT_TRUE(bus.restart());
+    }
+    FakeModemManager manager;
+    ASSERT_TRUE(manager.ready());
+    manager.set({3, 0, 0, 2, 7});
+    logger->log();  // may first find the old connection gone
+    logger->log();
+    ASSERT_GE(lines("Telephony").size(), 2u);
+    EXPECT_NE(lines("Telephony").back().find("airplane_mode=YES;"), std::string::npos);
+    logger.reset();
+}
+
 TEST_F(TelephonyLoggerTest, NoModemManagerIsQuiet) {
     jxtest::PrivateBus bus;  // a bus, and nobody on it
     if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
