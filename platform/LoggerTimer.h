@@ -45,17 +45,24 @@ private:
 
 // A logger that also samples on its own: each triggered sample writes its whole
 // state and (re)arms the logger's one timer from its "SamplePeriod" setting; each
-// tick of the timer writes only what changed since.
+// tick of the timer writes only what changed since. A logger gives write(); one
+// whose samples work otherwise overrides logSample() or logChanges() as well.
 class JXSamplingLogger : public JXLogger {
 public:
     JXSamplingLogger(std::string name, double defaultPeriodSeconds)
         : JXLogger(std::move(name)), defaultPeriod_(defaultPeriodSeconds) {}
 
     // What a tick does, on the logger's queue: entries only for what changed.
-    virtual void logChanges() = 0;
+    virtual void logChanges() { write(false); }
     double samplePeriod() const { return timer_.period(); }
 
 protected:
+    void logSample() override {
+        keepSampling();
+        write(true);
+    }
+    // Writes the logger's entries: all of them, or only what changed since the last write.
+    virtual void write(bool everything) = 0;
     // Arms, re-arms (the setting changed) or stops the timer. Call it on the
     // logger's queue; a logger not owned by a shared pointer is never ticked.
     void keepSampling();

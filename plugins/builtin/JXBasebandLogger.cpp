@@ -125,10 +125,6 @@ JXBasebandLogger::JXBasebandLogger(std::string sysRoot, std::string debugfsRoot,
       debugfs_(std::move(debugfsRoot)),
       clock_(std::move(clock)) {}
 
-void JXBasebandLogger::logSample() { sample(); }
-
-void JXBasebandLogger::logChanges() { sample(); }
-
 // The "StatsDirectory" setting, else the debugfs directory whose "modem" file
 // reads as sleep statistics (found once, looked for again when it goes).
 std::optional<std::string> JXBasebandLogger::statsDirectory() {
@@ -191,7 +187,7 @@ std::optional<JXBasebandLogger::Reading> JXBasebandLogger::read() {
     return r;
 }
 
-void JXBasebandLogger::sample() {
+void JXBasebandLogger::write(bool) {
     std::optional<Reading> now = read();
     if (!now) {
         nothing_.say("JXBasebandLogger: no modem sleep statistics under " + debugfs_);

@@ -20,13 +20,6 @@ bool isCharger(const std::string& type) {
 JXBatteryLogger::JXBatteryLogger(std::string sysRoot)
     : JXSamplingLogger("JXBatteryLogger", kDefaultPeriodSeconds), sys_(std::move(sysRoot)) {}
 
-void JXBatteryLogger::logSample() {
-    keepSampling();
-    write(true);
-}
-
-void JXBatteryLogger::logChanges() { write(false); }
-
 void JXBatteryLogger::write(bool everything) {
     const std::string dir = sys_ + "/class/power_supply/";
     std::vector<JXEntry> entries;

@@ -54,17 +54,16 @@ protected:
 class JXProcessMonitorLogger : public JXSamplingLogger {
 public:
     explicit JXProcessMonitorLogger(std::string procRoot = "/proc");
-    void logChanges() override;
 
 protected:
-    void logSample() override;
+    // Every sample, triggered or timed, is the top consumers since the one before.
+    void write(bool everything) override;
 
 private:
     struct Seen {
         unsigned long long start = 0;             // start time: a reused pid is another process
         unsigned long long user = 0, system = 0;  // clock ticks used so far
     };
-    void writeTopConsumers();
     std::string proc_;
     std::map<int, Seen> seen_;
     jx::SaidOnce nothing_;
@@ -74,13 +73,10 @@ private:
 class JXNetworkLogger : public JXSamplingLogger {
 public:
     explicit JXNetworkLogger(std::string procRoot = "/proc");
-    void logChanges() override;
-
 protected:
-    void logSample() override;
+    void write(bool everything) override;
 
 private:
-    void write(bool everything);
     std::string proc_;
     std::map<std::string, std::vector<unsigned long long>> last_;
     jx::SaidOnce nothing_;
@@ -91,13 +87,10 @@ private:
 class JXBatteryLogger : public JXSamplingLogger {
 public:
     explicit JXBatteryLogger(std::string sysRoot = "/sys");
-    void logChanges() override;
-
 protected:
-    void logSample() override;
+    void write(bool everything) override;
 
 private:
-    void write(bool everything);
     std::string sys_;
     std::string lastState_;
     jx::SaidOnce nothing_;
@@ -108,13 +101,10 @@ private:
 class JXDisplayLogger : public JXSamplingLogger {
 public:
     explicit JXDisplayLogger(std::string sysRoot = "/sys");
-    void logChanges() override;
-
 protected:
-    void logSample() override;
+    void write(bool everything) override;
 
 private:
-    void write(bool everything);
     std::string sys_;
     std::string lastState_;
     jx::SaidOnce nothing_;
@@ -125,17 +115,14 @@ private:
 class JXWiFiLogger : public JXSamplingLogger {
 public:
     explicit JXWiFiLogger(std::string sysRoot = "/sys", std::string procRoot = "/proc");
-    void logChanges() override;
-
 protected:
-    void logSample() override;
+    void write(bool everything) override;
 
 private:
     struct Reading {
         bool link = false;
         std::vector<long> statistics;  // quality, signal (dBm), noise (dBm); empty without a link
     };
-    void write(bool everything);
     std::string sys_, proc_;
     std::map<std::string, Reading> last_;  // what the log last says of each interface
     // The radio is asked only about the real interfaces: a tree of files given
@@ -155,8 +142,6 @@ class JXSleepWakeLogger : public JXSamplingLogger {
 public:
     explicit JXSleepWakeLogger(std::string sysRoot = "/sys");
     ~JXSleepWakeLogger() override;
-    // A tick without the login manager: a suspend counted since the last look.
-    void logChanges() override;
     // What the login manager said: about to sleep (YES) or resumed (NO).
     void prepareForSleep(bool start);
     // Keeps the delay lock the login manager handed out until the next sleep is logged.
@@ -169,8 +154,10 @@ public:
     class BusWatch;
 
 protected:
-    // Starts watching on the first call; the sleeps themselves are events.
+    // Follows the login manager unless it already does; the sleeps themselves are events.
     void logSample() override;
+    // A tick without the login manager: a suspend counted since the last look.
+    void write(bool everything) override;
 
 private:
     // Follows the login manager when it is there, else the kernel's count.
@@ -192,15 +179,13 @@ class JXTelephonyLogger : public JXSamplingLogger {
 public:
     JXTelephonyLogger();
     ~JXTelephonyLogger() override;
-    void logChanges() override;
 
     struct Bus;
 
 protected:
-    void logSample() override;
+    void write(bool everything) override;
 
 private:
-    void write(bool everything);
     std::unique_ptr<Bus> bus_;  // used on the logger's queue only
     std::string lastState_;
     jx::SaidOnce nothing_;
@@ -234,10 +219,12 @@ public:
 
     explicit JXBasebandLogger(std::string sysRoot = "/sys", std::string debugfsRoot = "/sys/kernel/debug",
                               std::shared_ptr<const Clock> clock = std::make_shared<Clock>());
-    void logChanges() override;
 
 protected:
-    void logSample() override;
+    // Every sample, triggered or timed, writes the interval since the one before;
+    // the timer runs only while there are statistics to read.
+    void logSample() override { write(true); }
+    void write(bool everything) override;
 
 private:
     struct Reading {
@@ -247,7 +234,6 @@ private:
     };
     std::optional<std::string> statsDirectory();
     std::optional<Reading> read();
-    void sample();
     std::string sys_, debugfs_;
     std::shared_ptr<const Clock> clock_;
     std::string discovered_;

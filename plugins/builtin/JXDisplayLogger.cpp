@@ -16,13 +16,6 @@ constexpr double kDefaultPeriodSeconds = 10;
 JXDisplayLogger::JXDisplayLogger(std::string sysRoot)
     : JXSamplingLogger("JXDisplayLogger", kDefaultPeriodSeconds), sys_(std::move(sysRoot)) {}
 
-void JXDisplayLogger::logSample() {
-    keepSampling();
-    write(true);
-}
-
-void JXDisplayLogger::logChanges() { write(false); }
-
 void JXDisplayLogger::write(bool everything) {
     // A backlight is lit when it is powered (bl_power 0, "unblank") and not at zero.
     const std::string lights = sys_ + "/class/backlight/";

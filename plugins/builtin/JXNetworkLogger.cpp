@@ -31,13 +31,6 @@ const struct {
 JXNetworkLogger::JXNetworkLogger(std::string procRoot)
     : JXSamplingLogger("JXNetworkLogger", kDefaultPeriodSeconds), proc_(std::move(procRoot)) {}
 
-void JXNetworkLogger::logSample() {
-    keepSampling();
-    write(true);
-}
-
-void JXNetworkLogger::logChanges() { write(false); }
-
 void JXNetworkLogger::write(bool everything) {
     std::optional<std::string> table = jx::readKernelFile(proc_ + "/net/dev");
     std::map<std::string, std::vector<unsigned long long>> now;

@@ -46,14 +46,7 @@ std::optional<Usage> readStat(const std::string& text, int pid) {
 JXProcessMonitorLogger::JXProcessMonitorLogger(std::string procRoot)
     : JXSamplingLogger("JXProcessMonitorLogger", kDefaultPeriodSeconds), proc_(std::move(procRoot)) {}
 
-void JXProcessMonitorLogger::logSample() {
-    keepSampling();
-    writeTopConsumers();
-}
-
-void JXProcessMonitorLogger::logChanges() { writeTopConsumers(); }
-
-void JXProcessMonitorLogger::writeTopConsumers() {
+void JXProcessMonitorLogger::write(bool) {
     struct Consumer {
         Usage usage;
         unsigned long long user, system;  // ticks since the last sample

@@ -228,7 +228,7 @@ void JXSleepWakeLogger::prepareForSleep(bool start) {
 
 void JXSleepWakeLogger::holdInhibitor(jx::FileDescriptor lock) { inhibitor_ = std::move(lock); }
 
-void JXSleepWakeLogger::logChanges() {
+void JXSleepWakeLogger::write(bool) {
     if (watch_) return;
     std::optional<long long> now = jx::readKernelNumber(sys_ + "/power/suspend_stats/success");
     if (!now || !suspends_ || *now <= *suspends_) {

@@ -168,13 +168,6 @@ JXTelephonyLogger::JXTelephonyLogger() : JXSamplingLogger("JXTelephonyLogger", k
 
 JXTelephonyLogger::~JXTelephonyLogger() = default;
 
-void JXTelephonyLogger::logSample() {
-    keepSampling();
-    write(true);
-}
-
-void JXTelephonyLogger::logChanges() { write(false); }
-
 void JXTelephonyLogger::write(bool everything) {
     // Connected on first use and again after the bus went away.
     if (!bus_) {

@@ -53,13 +53,6 @@ JXWiFiLogger::JXWiFiLogger(std::string sysRoot, std::string procRoot)
       proc_(std::move(procRoot)),
       askRadio_(sys_ == "/sys") {}
 
-void JXWiFiLogger::logSample() {
-    keepSampling();
-    write(true);
-}
-
-void JXWiFiLogger::logChanges() { write(false); }
-
 void JXWiFiLogger::write(bool everything) {
     const std::string net = sys_ + "/class/net/";
     const std::map<std::string, Statistics> statistics = readStatistics(proc_ + "/net/wireless");

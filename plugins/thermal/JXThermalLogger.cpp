@@ -14,13 +14,6 @@ constexpr double kDefaultPeriodSeconds = 60;
 JXThermalLogger::JXThermalLogger(std::string sysRoot)
     : JXSamplingLogger("JXThermalLogger", kDefaultPeriodSeconds), sys_(std::move(sysRoot)) {}
 
-void JXThermalLogger::logSample() {
-    keepSampling();
-    write(true);
-}
-
-void JXThermalLogger::logChanges() { write(false); }
-
 void JXThermalLogger::write(bool everything) {
     const std::string dir = sys_ + "/class/thermal/";
     std::map<std::string, long long> now;

@@ -11,13 +11,10 @@
 class JXThermalLogger : public JXSamplingLogger {
 public:
     explicit JXThermalLogger(std::string sysRoot = "/sys");
-    void logChanges() override;
-
 protected:
-    void logSample() override;
+    void write(bool everything) override;
 
 private:
-    void write(bool everything);
     std::string sys_;
     // What the log last says of each zone (whole degrees) and cooling device (state).
     std::map<std::string, long long> lastWritten_;

@@ -68,11 +68,12 @@ TEST(LoggerTimerTest, SamplePeriodComesFromTheLoggersSetting) {
 class TickingLogger : public JXSamplingLogger {
 public:
     TickingLogger() : JXSamplingLogger("JXTickingTestLogger", 0.005) {}
-    void logChanges() override { ++ticks; }
     std::atomic<int> ticks{0};
 
 protected:
-    void logSample() override { keepSampling(); }
+    void write(bool everything) override {
+        if (!everything) ++ticks;
+    }
 };
 
 TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsIt) {
