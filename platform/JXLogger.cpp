@@ -1,5 +1,7 @@
 #include "platform/JXLogger.h"
 
+#include <cmath>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 
@@ -28,6 +30,18 @@ JXLogger::~JXLogger() = default;
 void JXLogger::log() {
     logSample();
     haveLogged_.store(true);
+}
+
+std::optional<double> JXLogger::numberSettingForKey(const std::string& key, const std::string& forLoggerNamed) {
+    jx::Value v = settingForKey(key, forLoggerNamed);
+    if (v.isNil()) return std::nullopt;
+    double n = v.doubleValue();
+    if (const std::string* text = v.asString()) {
+        char* end = nullptr;
+        n = std::strtod(text->c_str(), &end);
+        if (end == text->c_str() || *end != '\0') return std::nullopt;
+    }
+    return std::isfinite(n) ? std::optional<double>(n) : std::nullopt;
 }
 
 jx::Value JXLogger::settingForKey(const std::string& key, const std::string& forLoggerNamed) {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/JXValue.h"
@@ -36,6 +37,9 @@ public:
     static void setDefault(const jx::Value& value, const std::string& forKey, const std::string& forLoggerNamed);
     // A per-logger setting: the stored value, else the registered default, else nil.
     static jx::Value settingForKey(const std::string& key, const std::string& forLoggerNamed);
+    // The same setting as a finite number: a number, or a string that is one whole
+    // (the control tool writes strings); nothing otherwise.
+    static std::optional<double> numberSettingForKey(const std::string& key, const std::string& forLoggerNamed);
 
 protected:
     // What one sample writes; each logger supplies its own.

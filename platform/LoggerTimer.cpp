@@ -148,16 +148,8 @@ void LoggerTimer::cancel() {
 }
 
 double LoggerTimer::samplePeriodForLogger(const std::string& loggerName, double defaultSeconds) {
-    Value v = JXLogger::settingForKey("SamplePeriod", loggerName);
-    if (v.isNil()) return defaultSeconds;
-    // A number, or a string holding one (as the control tool writes settings).
-    double seconds = v.doubleValue();
-    if (const std::string* text = v.asString()) {
-        char* end = nullptr;
-        seconds = std::strtod(text->c_str(), &end);
-        if (end == text->c_str() || *end != '\0') return defaultSeconds;
-    }
-    return (seconds >= 0 && std::isfinite(seconds)) ? seconds : defaultSeconds;
+    std::optional<double> seconds = JXLogger::numberSettingForKey("SamplePeriod", loggerName);
+    return seconds && *seconds >= 0 ? *seconds : defaultSeconds;
 }
 
 }  // namespace jx

@@ -63,19 +63,6 @@ std::map<std::string, unsigned long long> statFields(const std::string& text) {
     return fields;
 }
 
-// A per-logger setting holding a number (the control tool writes strings).
-std::optional<double> numberSetting(const char* key) {
-    jx::Value v = JXLogger::settingForKey(key, "JXBasebandLogger");
-    if (v.isNil()) return std::nullopt;
-    double n = v.doubleValue();
-    if (const std::string* text = v.asString()) {
-        char* end = nullptr;
-        n = std::strtod(text->c_str(), &end);
-        if (end == text->c_str() || *end != '\0') return std::nullopt;
-    }
-    return std::isfinite(n) ? std::optional<double>(n) : std::nullopt;
-}
-
 std::string format(const char* pattern, double value) {
     char text[64];
     std::snprintf(text, sizeof text, pattern, value);
@@ -149,7 +136,7 @@ std::optional<JXBasebandLogger::Reading> JXBasebandLogger::read() {
     std::optional<std::string> dir = statsDirectory();
     if (!dir) return std::nullopt;
     const double rate = [&] {
-        std::optional<double> set = numberSetting("TicksPerSecond");
+        std::optional<double> set = numberSettingForKey("TicksPerSecond", name());
         if (set && *set > 0) return *set;
         return clock_->counterFrequency().value_or(kDefaultTicksPerSecond);
     }();
