@@ -51,6 +51,8 @@ public:
     void run();
     void runThread();
     [[noreturn]] void fatalError(const std::string& error, const std::optional<std::string>& withReason);
+    // Ends the process from any thread: flushes the standard streams, runs no destructor.
+    [[noreturn]] static void exitAtOnce(int status);
 
     // Properties.
     std::optional<std::string> fileGUID() const;
@@ -108,6 +110,9 @@ public:
     void startLoggingToFile();
     bool shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* periodStart,
                                              std::optional<jx::Date>* withRolloverDate);
+    // The period around now that a setting gives, by the calendar arithmetic alone
+    // (periodStart, rolloverDate); nothing when the calendar fails.
+    std::optional<std::pair<jx::Date, jx::Date>> periodForSetting(RotationSetting setting, jx::Date now);
     bool dateInRange(jx::Date date, jx::Date startInclusive, jx::Date endExclusive);
     void logStateEvent(const std::string& state, std::optional<jx::Date> existingLogDate,
                        std::optional<jx::Date> periodStart, std::optional<jx::Date> rolloverDate);

@@ -1,6 +1,7 @@
 // The controller's life: the singleton, init, the run thread and dealloc.
 #include <signal.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstdlib>
@@ -148,7 +149,15 @@ void JoulixMain::waitForRunThreads() {
 void JoulixMain::fatalError(const std::string& error, const std::optional<std::string>& withReason) {
     if (withReason) jx::systemLog(jx::kLogError, error + ": " + *withReason);
     else jx::systemLog(jx::kLogError, error);
-    std::exit(1);
+    exitAtOnce(1);
+}
+
+void JoulixMain::exitAtOnce(int status) {
+    // exit() would run static destructors while the entry thread waits on a
+    // condition one of them destroys, and the process would hang instead of
+    // ending: flush what was written and leave without them.
+    std::fflush(nullptr);
+    ::_exit(status);
 }
 
 void JoulixMain::runThread() {

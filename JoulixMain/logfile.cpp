@@ -100,7 +100,7 @@ void JoulixMain::createNewCurrentLogWithTimestamp(jx::Date timestamp) {
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         jx::systemLogf(jx::kLogError, "Unable to create %s: %s", path.c_str(), std::strerror(errno));
-        std::exit(1);
+        exitAtOnce(1);
     }
     ::close(fd);
     setFileProtectionForPath(path, "creating log");

@@ -1,0 +1,102 @@
+// The real daemon meeting faults and bad settings: it ends at once where it must,
+// and never loops, hangs or loses the log where it need not.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+
+#include "tests/integration/Process.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using jxtest::waitFor;
+namespace fs = std::filesystem;
+
+const std::string kLogs = "/var/mobile/Library/Logs";
+const std::string kLog = kLogs + "/CurrentJoulix.joulix";
+const std::string kFaultkeeper = kLogs + "/Faultkeeper";
+const std::string kArchive = kLogs + "/JXArchive";
+
+class FaultsTest : public jxtest::BinariesTest {
+protected:
+    std::size_t entriesIn(const std::string& absolute) {
+        if (!fs::is_directory(root(absolute))) return 0;
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(root(absolute)), fs::directory_iterator()));
+    }
+};
+
+// Every way the log's files can fail for good ends the daemon with status 1 and one
+// line saying why, at once: never a hang that a service manager would count as running.
+TEST_F(FaultsTest, FatalFileFaultsEndTheProcessWithStatusOne) {
+    struct Case {
+        const char* what;
+        bool daemon;                                     // run as a daemon, else --once
+        std::function<void(jxtest::TestRoot&)> before;   // before the start
+        std::function<void(jxtest::TestRoot&)> during;   // once the daemon logs
+        const char* message;
+        // The watch may see the directory go before the restart re-links the log:
+        // then its hard assertion ends the process (status 134) instead.
+        bool assertionAllowed = false;
+    } cases[] = {
+        {"a file where the log directory should be", false,
+         [](jxtest::TestRoot& r) {
+             fs::create_directories(r("/var/mobile/Library"));
+             r.writeFile(kLogs, "");
+         },
+         nullptr, "Unable to create "},
+        {"a file where the crash-report directory should be, linking on", false,
+         [](jxtest::TestRoot& r) {
+             fs::create_directories(r(kLogs));
+             r.writeFile(kFaultkeeper, "");
+         },
+         nullptr, "Linking log: Not a directory"},
+        {"the crash-report directory removed under a running daemon, linking on", true, nullptr,
+         [](jxtest::TestRoot& r) { fs::remove_all(r(kFaultkeeper)); }, "Linking log: No such file or directory", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        fs::remove_all(root(kLogs));
+        fs::remove(root(kLogs));
+        ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+        if (c.before) c.before(root);
+        auto p = joulix(c.daemon ? std::vector<std::string>{} : std::vector<std::string>{"--once"});
+        if (c.during) {
+            ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("[Joulix]") != std::string::npos; })) << p->err();
+            ASSERT_TRUE(waitFor([&] { return entriesIn(kFaultkeeper) == 1; }));
+            c.during(root);
+        }
+        // Generous for sanitizer builds; the note records the time measured.
+        auto status = p->wait(5);
+        ASSERT_TRUE(status) << "still running: " << jxtest::tail(p->err());
+        if (c.assertionAllowed && *status == 134) {
+            EXPECT_NE(p->err().find("Assertion failed: ("), std::string::npos) << jxtest::tail(p->err());
+            continue;
+        }
+        EXPECT_EQ(*status, 1) << jxtest::tail(p->err());
+        EXPECT_NE(p->err().find(c.message), std::string::npos) << jxtest::tail(p->err());
+    }
+}
+
+// A rotation whose arithmetic gives a rollover date in the past (a negative n) or a
+// period cut to nothing (n beyond 32 bits) would roll the log in a loop.
+TEST_F(FaultsTest, RotationWithoutAFutureRolloverDoesNotStorm) {
+    for (const char* setting : {"-3 hour", "4294967296 minute"}) {
+        SCOPED_TRACE(setting);
+        fs::remove_all(root(kLogs));
+        ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "-string", setting}), 0);
+        ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+        auto p = joulix({}, "@2026-11-21 10:00:00");
+        ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("[Joulix]") != std::string::npos; })) << p->err();
+        // Two starts' worth of time: a storm rolls hundreds of logs in it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        EXPECT_LE(entriesIn(kFaultkeeper), 1u);
+        EXPECT_EQ(entriesIn(kArchive), 0u);
+        p->signal(SIGTERM);
+        ASSERT_EQ(p->wait(10), 0);
+    }
+}
+
+}  // namespace
