@@ -59,6 +59,22 @@ bool JoulixMain::shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* pe
     if (setting.n == 0) return false;
 
     const jx::Date now = jx::Clock::current().now();
+    std::optional<std::pair<jx::Date, jx::Date>> period = periodForSetting(setting, now);
+    if (!period) return false;
+    // A negative n gives a rollover date in the past, which would roll the log again
+    // at once, and again, until the disk is full: such a setting rolls daily instead.
+    if (!(period->second > now) || !(period->second > period->first)) {
+        jx::systemLogf(jx::kLogError, "the %s setting %s gives no future rollover: rolling once a day", JXRotateJoulixKey,
+                       JXDefaultsCopyValueForKey(JXRotateJoulixKey).description().c_str());
+        period = periodForSetting({1, RotationUnit::Day}, now);
+        if (!period) return false;
+    }
+    if (periodStart) *periodStart = period->first;
+    if (withRolloverDate) *withRolloverDate = period->second;
+    return true;
+}
+
+std::optional<std::pair<jx::Date, jx::Date>> JoulixMain::periodForSetting(RotationSetting setting, jx::Date now) {
     std::unique_ptr<icu::Calendar> cal;
     {
         std::lock_guard lock(logTimestampFormatter_->monitor());
@@ -75,7 +91,9 @@ bool JoulixMain::shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* pe
     cal->add(daysFromMonth ? UCAL_MONTH : UCAL_DATE, 1, status);
     const UDate nextBasisMs = cal->getTime(status);
     cal->setTime(basisMs, status);
-    const auto n = static_cast<int32_t>(setting.n);
+    // n stays 64-bit until here: cut to the calendar's 32 bits, 2^32 minutes would be none.
+    const bool inRange = setting.n >= INT32_MIN && setting.n <= INT32_MAX;
+    const auto n = static_cast<int32_t>(inRange ? setting.n : 0);
     switch (setting.unit) {
         case RotationUnit::Minute: cal->add(UCAL_MINUTE, n, status); break;
         case RotationUnit::Hour: cal->add(UCAL_HOUR_OF_DAY, n, status); break;
@@ -84,15 +102,15 @@ bool JoulixMain::shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* pe
     UDate firstMs = cal->getTime(status);
     if (U_FAILURE(status)) {
         jx::systemLogf(jx::kLogError, "rotation calendar: %s", u_errorName(status));
-        return false;
+        return std::nullopt;
     }
     const jx::Date basis = toDate(basisMs), nextBasis = toDate(nextBasisMs);
-    jx::Date first = toDate(firstMs);
+    jx::Date first = inRange ? toDate(firstMs) : nextBasis;
     if (rotateDebugLogging_)
         JXLogWriter::sharedWriter().logDebug(
             "Log-ShouldRotateLogFiles", " basis=" + jx::describeDateUTC(basis) + " nextBasis=" + jx::describeDateUTC(nextBasis) +
                                             " first=" + jx::describeDateUTC(first));
-    if (first > nextBasis) {
+    if (first > nextBasis || !inRange) {
         jx::systemLog("the log rollover increment is too large");
         first = nextBasis;
     }
@@ -109,9 +127,7 @@ bool JoulixMain::shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* pe
     if (rotateDebugLogging_)
         JXLogWriter::sharedWriter().logDebug("Log-ShouldRotateLogFiles", " periodStart=" + jx::describeDateUTC(start) +
                                                                              " rolloverDate=" + jx::describeDateUTC(rollover));
-    if (periodStart) *periodStart = start;
-    if (withRolloverDate) *withRolloverDate = rollover;
-    return true;
+    return std::make_pair(start, rollover);
 }
 
 bool JoulixMain::dateInRange(jx::Date date, jx::Date startInclusive, jx::Date endExclusive) {

@@ -63,6 +63,16 @@ TEST_F(RotationTest, PeriodsOverTheSettingForms) {
          "Unsupported JXRotateJoulix value -1"},
         {"UTC", jx::Value("2 week"), {2026, 11, 21, 12, 0, 0}, 0, {2026, 11, 21, 0, 0}, {2026, 11, 22, 0, 0},
          "Unsupported JXRotateJoulix value 2 week"},
+        // Settings whose arithmetic gives no future rollover, or a period cut to zero
+        // bits, would roll in a loop: they roll once a day.
+        {"UTC", jx::Value("-3 hour"), {2026, 11, 21, 10, 0, 0}, 0, {2026, 11, 21, 0, 0}, {2026, 11, 22, 0, 0},
+         "the JXRotateJoulix setting -3 hour gives no future rollover: rolling once a day"},
+        {"UTC", jx::Value(-2), {2026, 11, 21, 10, 0, 0}, 0, {2026, 11, 21, 0, 0}, {2026, 11, 22, 0, 0},
+         "the JXRotateJoulix setting -2 gives no future rollover: rolling once a day"},
+        {"UTC", jx::Value("4294967296 minute"), {2026, 11, 21, 10, 0, 0}, 0, {2026, 11, 21, 0, 0}, {2026, 11, 22, 0, 0},
+         "the log rollover increment is too large"},
+        {"UTC", jx::Value("-4294967296 hour"), {2026, 11, 21, 10, 0, 0}, 0, {2026, 11, 21, 0, 0}, {2026, 11, 22, 0, 0},
+         "the log rollover increment is too large"},
         // A day across the change to summer time lasts 23 hours, across the change back 25.
         {"Europe/Berlin", jx::Value(), {2026, 3, 29, 12, 0, 0}, 0, {2026, 3, 29, 0, 0}, {2026, 3, 30, 0, 0}, nullptr},
         {"Europe/Berlin", jx::Value("1 hour"), {2026, 10, 25, 23, 30, 0}, 0, {2026, 10, 25, 23, 0}, {2026, 10, 26, 0, 0}, nullptr},
