@@ -1,6 +1,7 @@
 #include "platform/JXUtilities.h"
 
 #include <pwd.h>
+#include <systemd/sd-id128.h>
 #include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,7 +11,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <random>
+#include <cstring>
 
 #include "platform/JXEntry.h"
 #include "platform/JXLogger.h"
@@ -100,14 +101,17 @@ void JXUtilities::setProcessNameForTesting(std::optional<std::string> name) {
 }
 
 std::string JXUtilities::UUIDString() {
-    thread_local std::mt19937_64 rng{std::random_device{}()};
-    std::uint64_t hi = rng(), lo = rng();
-    hi = (hi & ~0xF000ULL) | 0x4000ULL;  // version 4
-    lo = (lo & ~(0xC0ULL << 56)) | (0x80ULL << 56);  // variant 10
+    // The kernel's random source, made a version-4 UUID: two logs must never share an
+    // identifier, which a generator seeded from one 32-bit value cannot promise.
+    sd_id128_t id{};
+    if (int r = sd_id128_randomize(&id); r < 0) {
+        jx::systemLogf(jx::kLogError, "no random identifier: %s", std::strerror(-r));
+        return "00000000-0000-4000-8000-000000000000";
+    }
     char buf[40];
-    std::snprintf(buf, sizeof buf, "%08X-%04X-%04X-%04X-%012llX", static_cast<unsigned>(hi >> 32),
-                  static_cast<unsigned>((hi >> 16) & 0xFFFF), static_cast<unsigned>(hi & 0xFFFF),
-                  static_cast<unsigned>(lo >> 48), static_cast<unsigned long long>(lo & 0xFFFFFFFFFFFFULL));
+    const std::uint8_t* b = id.bytes;
+    std::snprintf(buf, sizeof buf, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", b[0], b[1], b[2],
+                  b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
     return buf;
 }
 
