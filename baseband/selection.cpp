@@ -98,7 +98,10 @@ std::string JXBasebandPostProcessing::extractionCommand(const std::string& jouli
                                                         const std::string& temporaryPath) {
     // The paths go between double quotes with their special characters escaped: a
     // log whose name carries "$(…)" or backquotes is read as a file, never run.
-    return std::string("grep \"") + kExtractionPattern + "\" \"" + jx::shellEscapedForDoubleQuotes(joulixPath) +
+    // LC_ALL=C and -a: every line holding a tag is kept, whatever bytes surround it.
+    // Without -a, one NUL byte (a power loss can leave a zero-filled tail) makes grep
+    // take the log for binary and write none of its lines.
+    return std::string("LC_ALL=C grep -a \"") + kExtractionPattern + "\" \"" + jx::shellEscapedForDoubleQuotes(joulixPath) +
            "\" > \"" + jx::shellEscapedForDoubleQuotes(temporaryPath) + "\"";
 }
 

@@ -77,7 +77,7 @@ TEST_F(Selection, TheExtractionCommandIsTheQuotedTextForPlainPaths) {
     EXPECT_EQ(
         JXBasebandPostProcessing::extractionCommand("/var/mobile/Library/Logs/Faultkeeper/JX_a_b.joulix",
                                                     "/var/tmp/Temp_JoulixForBBPowerTool.joulix"),
-        R"(grep "\[Battery\]\|\[BB HW Log\]\|\[BB HW RPM\]\|\[BB HW APPS\]\|\[BB HW Peripherals\]\|\[BB HW Processor\]\|\[BB HW MPSS\]\|\[Display\]\|\[Telephony\]\|\[Sleep\]\|\[Wake\]\|\[BB Event\]\|\[Assertion\]" "/var/mobile/Library/Logs/Faultkeeper/JX_a_b.joulix" > "/var/tmp/Temp_JoulixForBBPowerTool.joulix")");
+        R"(LC_ALL=C grep -a "\[Battery\]\|\[BB HW Log\]\|\[BB HW RPM\]\|\[BB HW APPS\]\|\[BB HW Peripherals\]\|\[BB HW Processor\]\|\[BB HW MPSS\]\|\[Display\]\|\[Telephony\]\|\[Sleep\]\|\[Wake\]\|\[BB Event\]\|\[Assertion\]" "/var/mobile/Library/Logs/Faultkeeper/JX_a_b.joulix" > "/var/tmp/Temp_JoulixForBBPowerTool.joulix")");
     EXPECT_EQ(JXBasebandPostProcessing::removalCommand("/var/tmp/Temp_JoulixForBBPowerTool.joulix"),
               "rm -rf /var/tmp/Temp_JoulixForBBPowerTool.joulix");
     EXPECT_TRUE(JXBasebandPostProcessing::extractionCommand("/a/\"$(x)`y`\\.joulix", "/t")

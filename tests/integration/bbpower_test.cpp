@@ -98,6 +98,17 @@ TEST_F(BBPower, TwoIdleIntervalsAtFullUtilityAreAnIssueReportedOnlyWhenAsked) {
     EXPECT_NE(asked.out.find("report: " + root("/var/mobile/Library/Logs/Larkin/LarkinTicket-")), std::string::npos);
 }
 
+// A power loss can leave a zero-filled tail, and a process name may carry bytes that
+// are no text: the lines with tags around them still count.
+TEST_F(BBPower, NulBytesAndInvalidTextDoNotHideTheLines) {
+    PowerLog log;
+    for (int i = 0; i < 4; ++i) log.sample(100, 300, 10, 10).noise().advance(300);
+    logs(log.text() + "11/14/2026 10:20:01.000 [Process] name=\xff\xfe;\n" + std::string(64, '\0'));
+    Run run = bbpower();
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_TRUE(run.said("BBPowerTool -- Larkin Priority: 1")) << run.err;
+}
+
 TEST_F(BBPower, IntervalMeansGoIntoTheirBinsAndBusyIntervalsAreDiscarded) {
     PowerLog log;
     log.sample(37.2, 300, 10, 10).sample(37.2, 300, 10, 10);                        // bin 38
