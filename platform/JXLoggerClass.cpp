@@ -121,9 +121,23 @@ JXLoggerClass* JXBundle::principalClass(const std::string& path) {
         if (::stat(dir.empty() ? "." : dir.c_str(), &dst) != 0) return refuse("its directory cannot be read");
         if (std::string why = distrust("its directory", dst); !why.empty()) return refuse(why);
 
-        std::string viaDescriptor = "/proc/self/fd/" + std::to_string(fd.get());
-        handle = dlopen(viaDescriptor.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+        // Loaded by its own name: a name under /proc/self/fd would be the same text for
+        // every bundle opened on a reused descriptor number, and the loader would hand
+        // back the library it loaded first. The directory is trusted (nobody else can
+        // replace the file), and the file loaded must still be the file checked.
+        handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
         if (!handle) return refuse(std::string("cannot be loaded: ") + dlerror());
+        struct stat loadedSt {};
+        if (::stat(path.c_str(), &loadedSt) != 0 || loadedSt.st_dev != st.st_dev || loadedSt.st_ino != st.st_ino) {
+            dlclose(handle);
+            return refuse("the file changed while it was loaded");
+        }
+        // Two names of one file (a link) would share one library, and one class under two names.
+        for (auto& [otherPath, otherHandle] : t.loaded)
+            if (otherHandle.get() == handle) {
+                dlclose(handle);
+                return refuse("it is the same library as " + otherPath);
+            }
         t.loaded.emplace(path, LibraryHandle(handle));
     }
 

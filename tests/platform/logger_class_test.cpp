@@ -120,4 +120,20 @@ TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
     EXPECT_EQ(log.countContaining("its directory is writable"), 1u);
 }
 
+// Bundles opened one after another reuse one descriptor number: each must still be
+// its own library, and one file under two names must not give one class twice.
+TEST_F(BundleTest, EachBundleIsItsOwnLibrary) {
+    std::string test = install("JXTestBundleLogger.bundle", 0644);
+    std::string load = jxtest::installBundle(root, "JXLoadAverageLogger.bundle", "JXLoadAverageLogger.bundle", 0644);
+    JXLoggerClass* a = JXBundle::principalClass(test);
+    JXLoggerClass* b = JXBundle::principalClass(load);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(a->name(), "JXTestBundleLogger");
+    EXPECT_EQ(b->name(), "JXLoadAverageLogger");
+
+    ASSERT_EQ(::link(load.c_str(), (pluginDir + "/JXLoadAverageTwin.bundle").c_str()), 0);
+    EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXLoadAverageTwin.bundle"), nullptr);
+    EXPECT_EQ(log.countContaining("it is the same library as " + load), 1u);
+}
+
 }  // namespace
