@@ -14,6 +14,7 @@
 
 #include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
+#include "platform/FileProtection.h"
 #include "platform/NotificationCenter.h"
 #include "platform/NotificationNames.h"
 #include "platform/PreferencesStore.h"
@@ -35,7 +36,7 @@ const char* const kUsage =
     "  defaults delete KEY                 remove a setting\n"
     "  exit                                ask the daemon to exit\n"
     "  status                              make every logger of the daemon log now\n"
-    "  unlock                              announce the device's first unlock\n"
+    "  unlock                              record and announce the device's first unlock\n"
     "  post NAME                           post any system-wide notification\n"
     "  wait NAME [--timeout S]             wait for a system-wide notification; status 1\n"
     "                                      when S seconds pass first (default: no limit)\n"
@@ -256,6 +257,10 @@ int main(int argc, char** argv) {
         if (!rest.empty()) return usageError((command + " takes no arguments").c_str());
         if (command == "exit") return postCommand(JXExitRequest);
         if (command == "status") return postCommand(JXLogStateRequest);
+        // The unlock is recorded where the lock state is read, then announced: until
+        // then no log file can be secured, and the daemon leaves a present log alone.
+        if (std::string why; !jx::recordFirstUnlock(&why))
+            std::fprintf(stderr, "joulixctl: could not record the unlock in %s\n", why.c_str());
         return postCommand(JXFirstUnlockNotification);
     }
     if (command == "post") {

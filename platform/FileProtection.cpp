@@ -17,12 +17,17 @@ const char* const kAttribute = "user.joulix.protection";
 }
 
 bool setFileProtectionClass(const std::string& path, const std::string& protectionClass, ProtectionError* error) {
-    if (::setxattr(path.c_str(), kAttribute, protectionClass.data(), protectionClass.size(), 0) == 0) return true;
+    // Until the first unlock after boot the class keys do not exist, so no file can be
+    // given this class: a log found then stays untouched until the unlock.
+    const bool keysMissing =
+        protectionClass == kProtectionCompleteUntilFirstUserAuthentication && MLVGetDeviceLockState(nullptr) == 1;
+    if (keysMissing) errno = EPERM;
+    else if (::setxattr(path.c_str(), kAttribute, protectionClass.data(), protectionClass.size(), 0) == 0) return true;
     if (error) {
         error->code = errno;
         error->domain = "NSPOSIXErrorDomain";
         error->userInfo = std::string("{NSFilePath = \"") + path + "\"; NSLocalizedDescription = \"" +
-                          std::strerror(errno) + "\";}";
+                          (keysMissing ? "locked since boot" : std::strerror(errno)) + "\";}";
     }
     return false;
 }
@@ -34,6 +39,14 @@ std::string fileProtectionClass(const std::string& path) {
 }
 
 }  // namespace jx
+
+bool jx::recordFirstUnlock(std::string* why) {
+    const std::string path = rootPath("/run/joulix/lock-state");
+    std::ofstream out(path, std::ios::trunc);
+    if (out << "0\n" && out.flush()) return true;
+    if (why) *why = path + ": " + std::strerror(errno);
+    return false;
+}
 
 int MLVGetDeviceLockState(const void*) {
     std::ifstream in(jx::rootPath("/run/joulix/lock-state"));

@@ -15,11 +15,14 @@ struct ProtectionError {
     std::string userInfo;
 };
 
-// Sets the class of the item; false (with the error) when there is no item or
-// the file system keeps no extended attributes.
+// Sets the class of the item; false (with the error) when there is no item, the
+// file system keeps no extended attributes, or (for the class readable from the
+// first unlock on) the device is locked since boot.
 bool setFileProtectionClass(const std::string& path, const std::string& protectionClass, ProtectionError* error);
 // The class of the item, or an empty string.
 std::string fileProtectionClass(const std::string& path);
+// The lock-state service's side of the first unlock: the state becomes 0.
+bool recordFirstUnlock(std::string* why);
 
 }  // namespace jx
 

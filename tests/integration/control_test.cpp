@@ -80,10 +80,26 @@ TEST_F(ControlTest, ExitStopsTheDaemonWithoutWaitingForABusyLogger) {
     EXPECT_EQ(daemon->wait(10), 0) << daemon->err();
 }
 
-TEST_F(ControlTest, UnlockReopensTheLogAndRecordsIt) {
+// Locked since boot, a log already there cannot be secured and is left alone until
+// the first unlock; then logging goes on in it and says why.
+TEST_F(ControlTest, ALogLockedSinceBootWaitsForTheUnlock) {
+    ASSERT_EQ(joulix({"--once"})->wait(), 0);
+    const std::string before = logText();
+    ASSERT_NE(before.find("[Joulix]"), std::string::npos);
+    root.writeFile("/run/joulix/lock-state", "1\n");
+
     auto daemon = startDaemon();
+    ASSERT_TRUE(waitFor([&] { return daemon->err().find("logFileCheck: failed to check logFile") != std::string::npos; }))
+        << tail(daemon->err());
+    EXPECT_EQ(logText(), before);
+
     ASSERT_EQ(ctl({"unlock"}), 0);
+    EXPECT_EQ(root.readFile("/run/joulix/lock-state"), "0\n");
     ASSERT_TRUE(logShows("[Log] state=File Unlocked;")) << logText();
+    // Nothing was lost meanwhile: the first sample and the booting state come now.
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;")) << logText();
+    EXPECT_EQ(logText().substr(0, before.size()), before);
+    EXPECT_EQ(occurrences(logText().substr(before.size()), "[Log] state=booting;"), 1u);
     EXPECT_TRUE(waitFor([&] { return daemon->err().find("lockvault unlocked!") != std::string::npos; }));
     ASSERT_EQ(ctl({"exit"}), 0);
     EXPECT_EQ(daemon->wait(), 0);
