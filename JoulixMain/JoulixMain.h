@@ -86,6 +86,10 @@ public:
     // Logger registry.
     void setupLoggers();
     void addLoggerByName(const std::string& name);
+    // SIGHUP: reads again the settings that may change while the daemon runs (the
+    // debug flags, which loggers are enabled), then every logger samples anew and
+    // with that takes its own settings again (sample period, top counts).
+    void reloadSettings();
     // Notifications, signals and triggers.
     void setupNotifications();
     void stopNotifications();
@@ -175,8 +179,9 @@ private:
     std::atomic<unsigned> watchArmings_{0};
     // A restart for a missing log is queued (touched on the shared queue only).
     bool restartQueued_ = false;
-    bool rotateDebugLogging_ = false;
-    bool runLoopDebugLogging_ = false;
+    // Re-read on SIGHUP while other threads read them.
+    std::atomic<bool> rotateDebugLogging_{false};
+    std::atomic<bool> runLoopDebugLogging_{false};
     std::atomic<bool> _bbPostProcessing{false};
     std::atomic<bool> _bbPostProcessingNotify{false};
     std::atomic<bool> _logToFile{false};

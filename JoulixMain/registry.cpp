@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "JoulixMain/JoulixMain.h"
@@ -54,6 +55,15 @@ std::vector<std::string> pluginDirectoryEntries() {
     return names;
 }
 
+// The names the second round of set-up tries: the static list, or with dynamic
+// discovery every entry of the plug-in directory.
+std::vector<std::string> pluginCandidates() {
+    jx::Value discovery = JXDefaultsCopyValueForKey(JXLoggerDiscovery);
+    if (const std::string* text = discovery.asString(); text && strcasecmp(text->c_str(), "dynamic") == 0)
+        return pluginDirectoryEntries();
+    return {std::begin(kJXStaticLoggerList), std::end(kJXStaticLoggerList)};
+}
+
 }  // namespace
 
 void JoulixMain::setupLoggers() {
@@ -72,13 +82,7 @@ void JoulixMain::setupLoggers() {
         }
     }
 
-    std::vector<std::string> candidates;
-    jx::Value discovery = JXDefaultsCopyValueForKey(JXLoggerDiscovery);
-    if (const std::string* text = discovery.asString(); text && strcasecmp(text->c_str(), "dynamic") == 0) {
-        candidates = pluginDirectoryEntries();
-    } else {
-        candidates.assign(std::begin(kJXStaticLoggerList), std::end(kJXStaticLoggerList));
-    }
+    const std::vector<std::string> candidates = pluginCandidates();
 
     for (const std::string& candidate : candidates) {
         if (JXUtilities::getLoggerForName(candidate)) continue;
@@ -129,4 +133,40 @@ void JoulixMain::addLoggerByName(const std::string& name) {
     } else {
         jx::systemLogf(jx::kLogNotice, "ERROR: No plugin bundle found for %s", name.c_str());
     }
+}
+
+void JoulixMain::reloadSettings() {
+    rotateDebugLogging_ = JXDefaultsValueExistsForKey(JXRotateJoulixDebug) && JXDefaultsValueForKey(JXRotateJoulixDebug).boolValue();
+    runLoopDebugLogging_ = JXDefaultsValueExistsForKey(JXRunLoopDebug) && JXDefaultsValueForKey(JXRunLoopDebug).boolValue();
+
+    // Loggers switched off leave the registry (their timers stop with them).
+    std::vector<std::string> off;
+    JXUtilities::loggerListDispatchQueue().sync([&] {
+        if (!_loggerList) return;
+        for (const std::string& name : _loggerList->keys())
+            if (!JXLogger::loggerEnabledWithName(name)) {
+                _loggerList->removeObjectForKey(name);
+                off.push_back(name);
+            }
+    });
+    // Loggers switched on join it, found the way set-up finds them.
+    std::vector<std::string> names(std::begin(kJXCoreLoggerList), std::end(kJXCoreLoggerList));
+    for (const std::string& candidate : pluginCandidates()) {
+        if (endsWith(candidate, ".dSYM")) continue;
+        names.push_back(endsWith(candidate, ".bundle") ? candidate.substr(0, candidate.size() - 7) : candidate);
+    }
+    std::vector<std::string> on;
+    for (const std::string& name : names) {
+        if (JXUtilities::getLoggerForName(name) || !JXLogger::loggerEnabledWithName(name)) continue;
+        if (std::find(off.begin(), off.end(), name) != off.end()) continue;
+        addLoggerByName(name);
+        if (JXUtilities::getLoggerForName(name)) on.push_back(name);
+    }
+    auto joined = [](const std::vector<std::string>& v) {
+        std::string s;
+        for (const std::string& n : v) s += (s.empty() ? "" : ", ") + n;
+        return s.empty() ? std::string("none") : s;
+    };
+    jx::systemLogf(jx::kLogNotice, "settings read again: loggers switched off: %s; switched on: %s; debug logging %s",
+                   joined(off).c_str(), joined(on).c_str(), rotateDebugLogging_ ? "on" : "off");
 }

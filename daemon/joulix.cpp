@@ -47,12 +47,22 @@ void exitSignal(int) {
     if (auto controller = JoulixMain::existingSharedJoulixMain()) controller->joulixExitRequested();
 }
 
+// SIGHUP: the settings that may change at run time are read again, and every logger
+// samples anew with them, as for SIGUSR1 (the log records "signal(1)").
+void reloadSignal(int signalNumber) {
+    if (auto controller = JoulixMain::existingSharedJoulixMain()) {
+        controller->reloadSettings();
+        controller->triggerAllLoggers(jx::formatString("signal(%d)", signalNumber));
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // A SIGUSR1 that comes before the controller is there to take it must not end
     // the daemon (its default action); the controller installs the real handler.
     jx::ignoreSignal(SIGUSR1);
+    jx::ignoreSignal(SIGHUP);
     enum { kRoot = 1, kOnce, kStdout, kLogStderr, kHelp };
     static const option options[] = {
         {"root", required_argument, nullptr, kRoot},   {"once", no_argument, nullptr, kOnce},
@@ -88,6 +98,7 @@ int main(int argc, char** argv) {
     prepareLayout();
     jx::setSignalHandler(SIGTERM, exitSignal);
     jx::setSignalHandler(SIGINT, exitSignal);
+    jx::setSignalHandler(SIGHUP, reloadSignal);
 
     std::shared_ptr<JoulixMain> controller = JoulixMain::sharedJoulixMain();
     if (!controller) {

@@ -159,6 +159,12 @@ void JXSamplingLogger::keepSampling() {
     if (timer_.armed() && period == timer_.period()) return;
     std::weak_ptr<JXLogger> weak = weak_from_this();
     timer_.setPeriod(period, loggerSerialQueue(), [weak] {
-        if (auto logger = weak.lock()) static_cast<JXSamplingLogger*>(logger.get())->logChanges();
+        if (auto logger = weak.lock()) {
+            auto* sampling = static_cast<JXSamplingLogger*>(logger.get());
+            // A changed sample period takes effect from this tick on; the file is only
+            // looked at (one stat) unless it changed.
+            sampling->keepSampling();
+            sampling->logChanges();
+        }
     });
 }

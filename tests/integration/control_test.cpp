@@ -105,6 +105,32 @@ TEST_F(ControlTest, ALogLockedSinceBootWaitsForTheUnlock) {
     EXPECT_EQ(daemon->wait(), 0);
 }
 
+// SIGHUP reads the settings again: a logger switched off stops, one switched on
+// starts, and a hundred of them in a row end nothing.
+TEST_F(ControlTest, HangupReadsTheSettingsAgain) {
+    auto daemon = startDaemon();
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    // The test bundle is installed under the thermal logger's name.
+    ASSERT_EQ(ctl({"defaults", "write", "JXThermalLogger", "-dict", "Enabled", "NO"}), 0);
+    daemon->signal(SIGHUP);
+    ASSERT_TRUE(logShows("[Log] state=signal(1);")) << tail(daemon->err());
+    EXPECT_NE(daemon->err().find("loggers switched off: JXThermalLogger; switched on: none"), std::string::npos)
+        << tail(daemon->err());
+    EXPECT_EQ(occurrences(logText(), "[TestBundle]"), 1u);
+
+    ASSERT_EQ(ctl({"defaults", "write", "JXThermalLogger", "-dict", "Enabled", "YES"}), 0);
+    daemon->signal(SIGHUP);
+    ASSERT_TRUE(logShows("[Log] state=signal(1);", 2));
+    ASSERT_TRUE(logShows("[TestBundle]", 2)) << logText();
+    EXPECT_NE(daemon->err().find("switched off: none; switched on: JXThermalLogger"), std::string::npos);
+
+    // Signals sent faster than they are taken fold into one (the kernel keeps one pending).
+    for (int i = 0; i < 100; ++i) daemon->signal(SIGHUP);
+    ASSERT_TRUE(logShows("[Log] state=signal(1);", 3)) << tail(daemon->err());
+    ASSERT_EQ(ctl({"exit"}), 0);
+    EXPECT_EQ(daemon->wait(), 0) << tail(daemon->err());
+}
+
 TEST_F(ControlTest, AFloodOfSignalsLeavesTheDaemonAnswering) {
     auto daemon = startDaemon();
     for (int i = 0; i < 10000; ++i) daemon->signal(SIGUSR1);

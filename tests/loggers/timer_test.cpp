@@ -83,6 +83,14 @@ TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsI
     EXPECT_EQ(logger->samplePeriod(), 0.005);
     ASSERT_TRUE(waitFor([&] { return logger->ticks.load() >= 2; }));
 
+    // A changed period is taken at the next tick, without a triggered sample.
+    JXDefaultsSetValueForKey("JXTickingTestLogger", jx::Value(jx::Dictionary{{"SamplePeriod", jx::Value(0.007)}}));
+    EXPECT_TRUE(waitFor([&] {
+        double period = 0;
+        logger->loggerSerialQueue().sync([&] { period = logger->samplePeriod(); });
+        return period == 0.007;
+    }));
+
     JXDefaultsSetValueForKey("JXTickingTestLogger", jx::Value(jx::Dictionary{{"SamplePeriod", jx::Value(0)}}));
     int atStop = 0;
     logger->loggerSerialQueue().sync([&] {
