@@ -177,6 +177,8 @@ private:
     std::shared_ptr<jx::FileDescriptor> kqueueDescriptorRef;
     // How often the watch has been armed, for tests and benchmarks that count rebuilds.
     std::atomic<unsigned> watchArmings_{0};
+    // Ends an unfinished last line of a log opened for appending.
+    void endTornLine(int fd, const std::string& path);
     // A restart for a missing log is queued (touched on the shared queue only).
     bool restartQueued_ = false;
     // Re-read on SIGHUP while other threads read them.

@@ -1,6 +1,7 @@
 // The log file: its rolled name, the header of a new log, reading the header
 // back, opening, linking and closing.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -165,6 +166,7 @@ void JoulixMain::startLoggingToCurrentLog(jx::Date date) {
                        std::nullopt);
         int fd = fileno(logFile);
         if (fd <= 0) fatalError(jx::formatString("fileno returned %d", fd), std::nullopt);
+        endTornLine(fd, path);
         setFileProtectionForPath(path, "file opened");
         if (shouldLinkToFaultkeeper()) {
             linkedLogPath = jx::rootPath(kJXCrashReportDirectory) + "/" + logFileNameForTimestamp(date);
@@ -191,6 +193,20 @@ void JoulixMain::startLoggingToCurrentLog(jx::Date date) {
             });
         }
     });
+}
+
+void JoulixMain::endTornLine(int fd, const std::string& path) {
+    // A process killed between two writes of one batch leaves half a line at the end;
+    // the next entry must not be glued onto it. One byte is read, whatever the size.
+    struct stat st {};
+    char last = '\n';
+    if (::fstat(fd, &st) != 0 || st.st_size == 0) return;
+    // The stream is open for appending only: the byte is read through a descriptor of its own.
+    jx::FileDescriptor reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!reader.valid() || ::pread(reader.get(), &last, 1, st.st_size - 1) != 1 || last == '\n') return;
+    jx::systemLogf(jx::kLogNotice, "%s ended in an unfinished line: ending it before logging on", path.c_str());
+    std::fputc('\n', logFile);
+    std::fflush(logFile);
 }
 
 void JoulixMain::stopLoggingAndCloseFile() {

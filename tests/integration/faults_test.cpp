@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <fstream>
 #include <filesystem>
 #include <functional>
 
@@ -97,6 +98,26 @@ TEST_F(FaultsTest, RotationWithoutAFutureRolloverDoesNotStorm) {
         p->signal(SIGTERM);
         ASSERT_EQ(p->wait(10), 0);
     }
+}
+
+// A daemon killed between two writes of one batch leaves half a line: the next start
+// ends it, so that its first entry is not glued onto the torn one.
+TEST_F(FaultsTest, ARestartEndsATornLastLine) {
+    ASSERT_EQ(joulix({"--once"})->wait(), 0);
+    const std::string header = root.readFile(kLog).substr(0, root.readFile(kLog).find('\n') + 1);
+    {
+        std::ofstream torn(root(kLog), std::ios::app);
+        torn << "11/23/2026 10:00:00.000 [Network] inte";
+    }
+    auto p = joulix({"--once"});
+    ASSERT_EQ(p->wait(), 0);
+    const std::string text = root.readFile(kLog);
+    EXPECT_EQ(text.substr(0, header.size()), header);
+    const std::size_t at = text.find("[Network] inte\n");
+    ASSERT_NE(at, std::string::npos) << text;
+    // The next line is a whole entry.
+    EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(text[at + 15]))) << text.substr(at, 80);
+    EXPECT_NE(p->err().find("ended in an unfinished line"), std::string::npos);
 }
 
 }  // namespace
