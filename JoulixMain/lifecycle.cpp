@@ -210,8 +210,13 @@ void JoulixMain::runThread() {
         watchCrashReportDirectories(false);
     }
 
-    // 11. Wait until every logger has logged once; no upper bound.
-    if (!keepRunningAtStart && !exitRequested()) {
+    // 11. Wait until every logger has logged once; no upper bound. A log the lock
+    // keeps closed asks no logger to log, so a one-shot run would wait for ever.
+    bool logOpen = true;
+    JXUtilities::sharedDispatchQueue().sync([&] { logOpen = logFile != nullptr; });
+    if (!logOpen && !keepRunningAtStart)
+        jx::systemLog(jx::kLogError, "the log is locked until the first unlock after boot: nothing was logged");
+    if (!keepRunningAtStart && !exitRequested() && logOpen) {
         for (;;) {
             std::vector<JXValue> loggers = _loggerList ? _loggerList->allValues() : std::vector<JXValue>{};
             if (loggers.empty()) {

@@ -120,4 +120,15 @@ TEST_F(FaultsTest, ARestartEndsATornLastLine) {
     EXPECT_NE(p->err().find("ended in an unfinished line"), std::string::npos);
 }
 
+// Locked since boot, no logger is asked to log: a one-shot run says so and ends
+// rather than waiting for them for ever.
+TEST_F(FaultsTest, AOneShotRunOnALockedDeviceEnds) {
+    root.writeFile("/run/joulix/lock-state", "1\n");
+    auto p = joulix({"--once"});
+    auto status = p->wait(10);
+    ASSERT_TRUE(status) << "still waiting: " << jxtest::tail(p->err());
+    EXPECT_EQ(*status, 0);
+    EXPECT_NE(p->err().find("the log is locked until the first unlock after boot: nothing was logged"), std::string::npos);
+}
+
 }  // namespace
