@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -135,13 +137,35 @@ std::optional<Value> propertyListFromBytes(std::string_view bytes) {
     return toValue(raw);
 }
 
-std::optional<Value> readPropertyListFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream buf;
-    buf << in.rdbuf();
-    if (in.bad()) return std::nullopt;
-    return propertyListFromBytes(buf.str());
+std::optional<Value> readPropertyListFile(const std::string& path, std::string* error) {
+    if (error) error->clear();
+    auto fail = [&](const std::string& why) -> std::optional<Value> {
+        if (error) *error = why;
+        return std::nullopt;
+    };
+    // Opened without waiting: a FIFO in the file's place must not block the reader.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return errno == ENOENT ? std::nullopt : fail(std::strerror(errno));
+    std::unique_ptr<int, void (*)(int*)> closer(&fd, [](int* f) { ::close(*f); });
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) return fail(std::strerror(errno));
+    if (S_ISDIR(st.st_mode)) return fail("it is a directory");
+    if (!S_ISREG(st.st_mode)) return fail("it is not a regular file");
+    std::string bytes;
+    bytes.resize(static_cast<std::size_t>(st.st_size));
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+        ssize_t n = ::read(fd, bytes.data() + got, bytes.size() - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return fail(std::strerror(errno));
+        if (n == 0) break;
+        got += static_cast<std::size_t>(n);
+    }
+    bytes.resize(got);
+    if (bytes.empty()) return fail("it is empty");
+    auto value = propertyListFromBytes(bytes);
+    if (!value) return fail("not an XML or binary property list (" + std::to_string(bytes.size()) + " bytes)");
+    return value;
 }
 
 std::string propertyListXML(const Value& value) {

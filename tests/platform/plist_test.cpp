@@ -71,17 +71,33 @@ TEST(PropertyList, ReadsBinaryPropertyLists) {
         << v->description();
 }
 
-TEST(PropertyList, GarbageAndMissingFilesGiveNothing) {
+// A file that is there but cannot be used says why; only a missing one says nothing.
+TEST(PropertyList, GarbageAndMissingFilesGiveNothingAndSayWhy) {
     jxtest::TestRoot root;
-    for (std::string_view bad : {std::string_view(""), std::string_view("not a plist"),
-                                 std::string_view("<?xml version=\"1.0\"?><plist><dict><key>a</key>"),
-                                 std::string_view("bplist00\x01\x02", 10)}) {
-        EXPECT_FALSE(jx::propertyListFromBytes(bad)) << bad;
-        root.writeFile("/bad.plist", std::string(bad));
-        EXPECT_FALSE(jx::readPropertyListFile(root("/bad.plist"))) << bad;
+    struct {
+        std::string_view bytes;
+        const char* why;
+    } cases[] = {
+        {"", "it is empty"},
+        {"not a plist", "not an XML or binary property list (11 bytes)"},
+        {"<?xml version=\"1.0\"?><plist><dict><key>a</key>", "not an XML or binary property list (46 bytes)"},
+        {std::string_view("bplist00\x01\x02", 10), "not an XML or binary property list (10 bytes)"},
+        {std::string_view("\0\0\0\xff\xfe", 5), "not an XML or binary property list (5 bytes)"},
+    };
+    std::string why;
+    for (const auto& c : cases) {
+        EXPECT_FALSE(jx::propertyListFromBytes(c.bytes)) << c.bytes;
+        root.writeFile("/bad.plist", std::string(c.bytes));
+        EXPECT_FALSE(jx::readPropertyListFile(root("/bad.plist"), &why)) << c.bytes;
+        EXPECT_EQ(why, c.why);
     }
-    EXPECT_FALSE(jx::readPropertyListFile(root("/missing.plist")));
-    EXPECT_FALSE(jx::readPropertyListFile(root.path()));  // a directory
+    EXPECT_FALSE(jx::readPropertyListFile(root("/missing.plist"), &why));
+    EXPECT_EQ(why, "");
+    EXPECT_FALSE(jx::readPropertyListFile(root.path(), &why));
+    EXPECT_EQ(why, "it is a directory");
+    ASSERT_EQ(::mkfifo(root("/fifo.plist").c_str(), 0600), 0);
+    EXPECT_FALSE(jx::readPropertyListFile(root("/fifo.plist"), &why));  // and does not block
+    EXPECT_EQ(why, "it is not a regular file");
 }
 
 TEST(PropertyList, AtomicWriteReplacesTheFileAndLeavesNothingBehind) {

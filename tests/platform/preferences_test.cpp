@@ -93,14 +93,27 @@ TEST_F(PreferencesTest, SynchronizeMergesWithWhatIsOnDisk) {
     EXPECT_EQ(get("mine"), Value(9));
 }
 
-TEST_F(PreferencesTest, AppDomainIsTheRunningUsersAndAMalformedFileIsReplaced) {
+// A file that does not read is somebody's settings: it reads as empty, is said once,
+// and is never written over; once repaired it reads and takes writes again.
+TEST_F(PreferencesTest, AMalformedFileIsKeptNotReplaced) {
+    jxtest::LogCapture log;
     const std::string user = JXUtilities::runningAsUser();
-    root.writeFile("/var/" + user + "/Library/Preferences/app.plist", "garbage");
+    const std::string file = "/var/" + user + "/Library/Preferences/app.plist";
+    root.writeFile(file, "garbage");
     store.setValue("k", Value(jx::Array{Value(5)}), "app", user);
     EXPECT_EQ(store.copyAppValue("k", "app"), Value(jx::Array{Value(5)}));
+    EXPECT_FALSE(store.synchronizeApp("app"));
+    EXPECT_EQ(root.readFile(file), "garbage");
+    EXPECT_EQ(store.unreadableReason("app", user), "not an XML or binary property list (7 bytes)");
+    EXPECT_EQ(log.countContaining("cannot be read as settings (not an XML or binary property list"), 1u);
+    EXPECT_TRUE(store.copyAppValue("other", "app").isNil());
+    EXPECT_EQ(log.countContaining("cannot be read as settings"), 1u);  // once per change of the file
+
+    std::filesystem::remove(root(file));
     ASSERT_TRUE(store.synchronizeApp("app"));
     EXPECT_EQ(jx::readPropertyListFile(jx::preferencesPath("app", user)),
               Value(Dictionary{{"k", Value(jx::Array{Value(5)})}}));
+    EXPECT_EQ(store.unreadableReason("app", user), std::nullopt);
     std::size_t files = 0;
     for (auto& e : std::filesystem::directory_iterator(root("/var/" + user + "/Library/Preferences")))
         files += e.is_regular_file();
