@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
-#include <mutex>
 #include <set>
 #include <strings.h>
 
@@ -22,33 +20,13 @@ const char* const kJXManagedPreferencesDirectory = "/Library/Managed Preferences
 
 namespace {
 
-// Domain to the dictionary of its managed file; entries are added, never refreshed.
-struct ManagedCache {
-    std::mutex mutex;
-    std::map<std::string, jx::Value> domains;
-};
-std::once_flag gManagedOnce;
-ManagedCache* gManaged = nullptr;
-
-ManagedCache& managedCache() {
-    std::call_once(gManagedOnce, [] { gManaged = new ManagedCache(); });
-    return *gManaged;
-}
-
 bool sameUser(const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) == 0; }
 
 }  // namespace
 
-std::string JXDefaultsManagedPreferencesPath(const std::string& domain) {
-    // Keep the doubled slash: the managed-preferences path is formed that way.
-    return jx::rootPath(std::string(kJXManagedPreferencesDirectory) + "/" + domain + ".plist");
-}
+std::string JXDefaultsManagedPreferencesPath(const std::string& domain) { return jx::managedPreferencesPath(domain); }
 
-void JXDefaultsResetManagedCacheForTesting() {
-    ManagedCache& cache = managedCache();
-    std::lock_guard lock(cache.mutex);
-    cache.domains.clear();
-}
+void JXDefaultsResetManagedCacheForTesting() { jx::resetManagedPreferencesForTesting(); }
 
 jx::Value CopyPreferenceValue(const std::string& key, const std::string& domain, const std::string& user, bool sync) {
     jx::PreferencesStore& store = jx::PreferencesStore::shared();
@@ -64,24 +42,7 @@ jx::Value JXDefaultsCopyValueForKeyForAppSync(const std::string& key, const std:
     // The store always wins over the managed file.
     jx::Value value = CopyPreferenceValue(key, domain, kJXDefaultsUser, sync);
     if (!value.isNil()) return value;
-
-    ManagedCache& cache = managedCache();
-    jx::Value dictionary;
-    {
-        std::lock_guard lock(cache.mutex);
-        auto it = cache.domains.find(domain);
-        if (it != cache.domains.end()) dictionary = it->second;
-    }
-    if (dictionary.isNil()) {
-        // Loaded outside the lock; a missing or unreadable file is not remembered, so it is tried again.
-        auto loaded = jx::readPropertyListFile(JXDefaultsManagedPreferencesPath(domain));
-        if (loaded && loaded->isDictionary()) {
-            std::lock_guard lock(cache.mutex);
-            dictionary = cache.domains.emplace(domain, *loaded).first->second;
-        }
-    }
-    if (dictionary.isNil()) return {};
-    return dictionary.objectForKey(key);
+    return jx::managedPreferenceValue(key, domain);
 }
 
 jx::Value JXDefaultsCopyValueForKey(const std::string& key) {

@@ -52,6 +52,12 @@ jx::Value JXLogger::settingForKey(const std::string& key, const std::string& for
         jx::Value v = stored.objectForKey(key);
         if (!v.isNil()) return v;
     }
+    // The administrator's file, as for every other setting.
+    jx::Value managed = jx::managedPreferenceValue(forLoggerNamed, kDomain);
+    if (managed.isDictionary()) {
+        jx::Value v = managed.objectForKey(key);
+        if (!v.isNil()) return v;
+    }
     std::lock_guard lock(gDefaultsMutex);
     auto& defaults = registeredDefaults();
     auto it = defaults.find(forLoggerNamed);

@@ -31,8 +31,9 @@ public:
     std::string description() const override { return "<" + name_ + ">"; }
 
     // Per-logger settings live in the daemon's domain under the logger's name, as a
-    // dictionary ({"Enabled": NO}). A key absent there takes the default registered
-    // for it; a logger with neither is enabled.
+    // dictionary ({"Enabled": NO}). A key absent there is looked for in the managed
+    // file's dictionary, then takes the default registered for it; a logger with
+    // none of them is enabled.
     static bool loggerEnabledWithName(const std::string& name);
     static void setDefault(const jx::Value& value, const std::string& forKey, const std::string& forLoggerNamed);
     // A per-logger setting: the stored value, else the registered default, else nil.

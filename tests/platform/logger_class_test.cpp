@@ -7,6 +7,7 @@
 #include "platform/JXLogger.h"
 #include "platform/JXLoggerClass.h"
 #include "platform/JXUtilities.h"
+#include "platform/PreferencesStore.h"
 #include "platform/PropertyList.h"
 #include "tests/support/TestSupport.h"
 
@@ -28,8 +29,17 @@ void writeLoggerSettings(const jxtest::TestRoot& root, const jx::Dictionary& set
                                                     jx::Value(settings)));
 }
 
-TEST(JXLoggerSettings, StoredSettingThenRegisteredDefaultThenEnabled) {
+TEST(JXLoggerSettings, StoredSettingThenManagedThenRegisteredDefaultThenEnabled) {
     jxtest::TestRoot root;
+    jx::resetManagedPreferencesForTesting();
+    // The administrator's file: consulted key by key where the store has nothing.
+    fs::create_directories(root("/Library/Managed Preferences/mobile"));
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(
+        jx::managedPreferencesPath("com.brindle.joulix"),
+        jx::Value(jx::Dictionary{
+            {"JXTestManagedLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(false)}})},
+            {"JXTestOffLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(true)}, {"Depth", jx::Value(4)}})},
+        })));
     JXLogger::setDefault(jx::Value(false), "Enabled", "JXTestDefaultedLogger");
     JXLogger::setDefault(jx::Value(false), "Enabled", "JXTestOverriddenLogger");
     writeLoggerSettings(root, {
@@ -43,11 +53,14 @@ TEST(JXLoggerSettings, StoredSettingThenRegisteredDefaultThenEnabled) {
     EXPECT_FALSE(JXLogger::loggerEnabledWithName("JXTestOffLogger"));
     EXPECT_TRUE(JXLogger::loggerEnabledWithName("JXTestOddLogger"));
     EXPECT_EQ(JXLogger::settingForKey("Period", "JXTestOffLogger"), jx::Value(30));
+    EXPECT_FALSE(JXLogger::loggerEnabledWithName("JXTestManagedLogger"));
+    EXPECT_EQ(JXLogger::settingForKey("Depth", "JXTestOffLogger"), jx::Value(4));  // the store's dictionary lacks it
 
     // A setting written by another process while we run is seen at the next read.
     writeLoggerSettings(root, {{"JXTestUnknownLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(false)}})}});
     EXPECT_FALSE(JXLogger::loggerEnabledWithName("JXTestUnknownLogger"));
     EXPECT_TRUE(JXLogger::loggerEnabledWithName("JXTestOffLogger"));
+    jx::resetManagedPreferencesForTesting();
 }
 
 TEST(JXLoggerClass, OneLoggerWhileItLivesEachOnItsOwnQueue) {
