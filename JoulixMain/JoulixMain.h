@@ -111,6 +111,9 @@ public:
     };
     // The rotation setting read and checked; an unsupported one is reported and gives one day.
     RotationSetting rotationSetting();
+    // What the daemon will make of a rotation value other than the user may think
+    // (rolls daily instead, turns rotation off, is cut short); nothing when it is plain.
+    static std::optional<std::string> rotationSettingProblem(const jx::Value& value);
     void startLoggingToFile();
     bool shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* periodStart,
                                              std::optional<jx::Date>* withRolloverDate);

@@ -52,6 +52,33 @@ JoulixMain::RotationSetting JoulixMain::rotationSetting() {
     return setting;
 }
 
+std::optional<std::string> JoulixMain::rotationSettingProblem(const jx::Value& value) {
+    if (value.isNil()) return std::nullopt;
+    std::int64_t n = 0;
+    std::string unit = "day";
+    if (value.isNumber()) {
+        n = value.integerValue();
+    } else if (const std::string* text = value.asString()) {
+        std::vector<std::string> words = jx::componentsSeparatedBy(*text, ' ');
+        n = jx::integerValueOfString(words[0]);
+        if (words.size() >= 2) unit = words[1];
+        if (unit != "minute" && unit != "hour" && unit != "day")
+            return "the unit '" + unit + "' is none of minute, hour, day: the daemon rolls once a day";
+        if (n == 0 && words[0] != "0")
+            return "'" + words[0] + "' reads as 0, which turns rotation off (write \"0\" to mean that)";
+    } else {
+        return "a rotation is a number of days or a text \"N minute|hour|day\": the daemon rolls once a day";
+    }
+    if (n == -1) return "-1 is not supported: the daemon rolls once a day";
+    if (n < 0) return "a negative period gives no future rollover: the daemon rolls once a day";
+    if (n == 0) return "0 turns rotation off: every start begins a new log";
+    const std::int64_t longest = unit == "minute" ? 24 * 60 : unit == "hour" ? 24 : 31;
+    if (n > longest)
+        return "the period is longer than a " + std::string(unit == "day" ? "month" : "day") +
+               ": it is cut to end at the next " + (unit == "day" ? "first of the month" : "midnight");
+    return std::nullopt;
+}
+
 bool JoulixMain::shouldRotateLogFilesWithPeriodStart(std::optional<jx::Date>* periodStart,
                                                      std::optional<jx::Date>* withRolloverDate) {
     if (!logToFile()) return false;

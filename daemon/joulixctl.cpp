@@ -1,7 +1,10 @@
 // joulixctl: the control tool. Reads and writes the daemon's settings through the
 // same settings layer the daemon uses, and steers a running daemon with
 // system-wide notifications.
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -33,6 +36,8 @@ const char* const kUsage =
     "                                      -float, -bool (YES/NO, true/false, 1/0), -array or\n"
     "                                      -dict (KEY VALUE pairs: a logger's own settings,\n"
     "                                      e.g. defaults write JXThermalLogger -dict Enabled NO)\n"
+    "                                      or -dict-add (KEY VALUE pairs added to a logger's\n"
+    "                                      dictionary, keeping its other keys)\n"
     "  defaults delete KEY                 remove a setting\n"
     "  exit                                ask the daemon to exit\n"
     "  status                              make every logger of the daemon log now\n"
@@ -42,7 +47,9 @@ const char* const kUsage =
     "                                      when S seconds pass first (default: no limit)\n"
     "  bbpower [DIR] [--notify]            one baseband power analysis of DIR (default: the\n"
     "                                      crash-report directory); says where its results went\n"
-    "The domain is com.brindle.joulix unless --domain names another. Notifications go over\n"
+    "The domain is com.brindle.joulix unless --domain names another (a reverse-DNS name).\n"
+    "defaults write warns on a key the daemon does not know and on a value it will read\n"
+    "otherwise than written. Notifications go over\n"
     "the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured).\n";
 
 int usageError(const char* why) {
@@ -77,11 +84,86 @@ std::optional<jx::Value> parseBool(const std::string& text) {
     return std::nullopt;
 }
 
+// A reverse-DNS name: two or more dot-separated labels of letters, digits, '-' and
+// '_'. Anything else could name a file outside the preferences directory.
+bool validDomain(const std::string& domain) {
+    if (domain.empty() || domain.size() > 255) return false;
+    std::size_t labels = 0;
+    for (const std::string& label : jx::componentsSeparatedBy(domain, '.')) {
+        if (label.empty()) return false;
+        for (char c : label)
+            if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_') return false;
+        ++labels;
+    }
+    return labels >= 2;
+}
+
+// A write into a file that does not read would replace somebody's settings: refuse,
+// and say how to get out of it.
+bool refuseUnreadable(const std::string& domain) {
+    std::optional<std::string> why = jx::PreferencesStore::shared().unreadableReason(domain, kJXDefaultsUser);
+    if (!why) return false;
+    const std::string path = jx::preferencesPath(domain, kJXDefaultsUser);
+    std::fprintf(stderr,
+                 "joulixctl: %s cannot be read as settings (%s): nothing was written. Repair it, or move it aside "
+                 "to start afresh: mv '%s' '%s.corrupt'\n",
+                 path.c_str(), why->c_str(), path.c_str(), path.c_str());
+    return true;
+}
+
+// The names a per-logger dictionary may be kept under: every logger the daemon can set up.
+bool knownLoggerName(const std::string& key) {
+    for (const char* name : kJXStaticLoggerList)
+        if (key == name) return true;
+    for (const char* name : kJXCoreLoggerList)
+        if (key == name) return true;
+    struct stat st {};
+    return ::stat((jx::rootPath(kJXPluginDirectory) + key + ".bundle").c_str(), &st) == 0;
+}
+
+bool catalogueKey(const std::string& key) {
+    for (unsigned i = 0; i < kJXDefaultsKeyCatalogueCount; ++i)
+        if (key == kJXDefaultsKeyCatalogue[i].key) return true;
+    return key == JXBasebandPostProcessingKey || key == JXBasebandPostProcessingNotifyKey;
+}
+
+bool booleanSpelling(const std::string& text) {
+    for (const char* s : {"YES", "yes", "NO", "no", "TRUE", "true", "FALSE", "false", "1", "0"})
+        if (text == s) return true;
+    return false;
+}
+
+// What the daemon will make of a written value other than the writer may think, or nothing.
+std::optional<std::string> writeWarning(const std::string& key, const jx::Value& value) {
+    if (!catalogueKey(key) && !knownLoggerName(key))
+        return "'" + key + "' is neither a setting nor a logger the daemon knows: it will not be read";
+    if (key == JXRotateJoulixKey) return JoulixMain::rotationSettingProblem(value);
+    if (key == JXLoggingMode) {
+        if (const std::string* text = value.asString(); text && std::to_string(value.integerValue()) != *text)
+            return "'" + *text + "' is no number: the daemon reads it as " + std::to_string(value.integerValue()) +
+                   " (use -int)";
+        if (value.integerValue() < INT16_MIN || value.integerValue() > INT16_MAX)
+            return "the mode is a 16-bit number: the daemon reads " + std::to_string(static_cast<std::int16_t>(value.integerValue()));
+    }
+    static const char* const booleans[] = {JXStartDelay, JXRotateJoulixDebug, JXRunLoopDebug,
+                                           JXBasebandPostProcessingKey, JXBasebandPostProcessingNotifyKey,
+                                           JXControlRunDependant, JXDeviceNameInFileName, JXLinkFaultkeeper,
+                                           JXFaultkeeperPlistWithContent};
+    for (const char* b : booleans)
+        if (key == b)
+            if (const std::string* text = value.asString(); text && !booleanSpelling(*text))
+                return "'" + *text + "' is no boolean: the daemon reads it as " + (value.boolValue() ? "YES" : "NO") +
+                       " (use -bool YES or NO)";
+    if (key == JXJoulixArchiveDays && JoulixMain::ComputeTimeFromNowFromDefaults(value) == 0)
+        return "it reads as 0 seconds: every archive will be deleted at the next roll (use a number of days, or "
+               "\"N day\", \"N hour\", \"N minute\")";
+    return std::nullopt;
+}
+
 // The settings of a domain as the daemon sees them: the store first, then the managed file.
 jx::Dictionary effectiveDomain(const std::string& domain) {
     jx::Dictionary merged;
-    if (auto managed = jx::readPropertyListFile(JXDefaultsManagedPreferencesPath(domain)))
-        if (const jx::Dictionary* d = managed->asDictionary()) merged = *d;
+    merged = jx::managedPreferences(domain);
     jx::PreferencesStore::shared().synchronize(domain, kJXDefaultsUser);
     for (auto& [k, v] : jx::PreferencesStore::shared().copyDomain(domain, kJXDefaultsUser)) merged[k] = v;
     return merged;
@@ -89,6 +171,9 @@ jx::Dictionary effectiveDomain(const std::string& domain) {
 
 int defaultsRead(const std::string& domain, const std::vector<std::string>& args) {
     if (args.size() > 1) return usageError("defaults read takes at most one key");
+    if (auto why = jx::PreferencesStore::shared().unreadableReason(domain, kJXDefaultsUser))
+        std::fprintf(stderr, "joulixctl: warning: %s cannot be read as settings (%s): shown without it\n",
+                     jx::preferencesPath(domain, kJXDefaultsUser).c_str(), why->c_str());
     if (args.empty()) {
         std::printf("%s\n", jx::Value(effectiveDomain(domain)).description().c_str());
         return 0;
@@ -112,7 +197,7 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
         first = 2;
     }
     std::vector<std::string> values(args.begin() + static_cast<long>(first), args.end());
-    if (type != "-array" && type != "-dict" && values.size() != 1)
+    if (type != "-array" && type != "-dict" && type != "-dict-add" && values.size() != 1)
         return usageError(values.empty() ? "defaults write needs a value" : "only -array and -dict take several values");
 
     std::optional<jx::Value> value;
@@ -124,9 +209,19 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
         jx::Array a;
         for (auto& s : values) a.emplace_back(s);
         value = jx::Value(a);
-    } else if (type == "-dict") {
-        if (values.empty() || values.size() % 2 != 0) return usageError("-dict takes KEY VALUE pairs");
+    } else if (type == "-dict" || type == "-dict-add") {
+        if (values.empty() || values.size() % 2 != 0) return usageError((type + " takes KEY VALUE pairs").c_str());
         jx::Dictionary d;
+        if (type == "-dict-add") {
+            jx::PreferencesStore::shared().synchronize(domain, kJXDefaultsUser);
+            jx::Value existing = jx::PreferencesStore::shared().copyValue(key, domain, kJXDefaultsUser);
+            if (!existing.isNil() && !existing.isDictionary()) {
+                std::fprintf(stderr, "joulixctl: %s holds %s, not a dictionary: nothing was added\n", key.c_str(),
+                             existing.description().c_str());
+                return 1;
+            }
+            if (const jx::Dictionary* kept = existing.asDictionary()) d = *kept;
+        }
         for (std::size_t k = 0; k < values.size(); k += 2) d[values[k]] = jx::Value(values[k + 1]);
         value = jx::Value(d);
     } else {
@@ -138,6 +233,7 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
                      type.c_str() + 1);
         return 1;
     }
+    if (refuseUnreadable(domain)) return 1;
     JXDefaultsSetValueForKeyInDomain(key, *value, domain);
     // Read it back: a write that did not reach the file must not pass silently.
     jx::PreferencesStore::shared().synchronize(domain, kJXDefaultsUser);
@@ -145,19 +241,16 @@ int defaultsWrite(const std::string& domain, const std::vector<std::string>& arg
         std::fprintf(stderr, "joulixctl: could not write %s\n", jx::preferencesPath(domain, kJXDefaultsUser).c_str());
         return 1;
     }
-    // Written as asked, but said: an age that reads as no time at all ("two weeks"
-    // reads as 0) makes the daemon delete every archive at its next roll.
-    if (domain == kJXDefaultsDomain && key == JXJoulixArchiveDays &&
-        JoulixMain::ComputeTimeFromNowFromDefaults(*value) == 0)
-        std::fprintf(stderr,
-                     "joulixctl: warning: %s '%s' reads as 0 seconds: every archive will be deleted at the next "
-                     "roll (use a number of days, or \"N day\", \"N hour\", \"N minute\")\n",
-                     key.c_str(), values[0].c_str());
+    // Written as asked, but said: the daemon will read it otherwise than written.
+    if (domain == kJXDefaultsDomain)
+        if (std::optional<std::string> warning = writeWarning(key, *value))
+            std::fprintf(stderr, "joulixctl: warning: %s: %s\n", key.c_str(), warning->c_str());
     return 0;
 }
 
 int defaultsDelete(const std::string& domain, const std::vector<std::string>& args) {
     if (args.size() != 1) return usageError("defaults delete takes one key");
+    if (refuseUnreadable(domain)) return 1;
     jx::PreferencesStore::shared().synchronize(domain, kJXDefaultsUser);
     if (jx::PreferencesStore::shared().copyValue(args[0], domain, kJXDefaultsUser).isNil()) {
         std::fprintf(stderr, "joulixctl: the setting (%s, %s) does not exist\n", domain.c_str(), args[0].c_str());
@@ -237,7 +330,14 @@ int main(int argc, char** argv) {
         }
         if (i + 1 >= args.size()) return usageError(("option " + args[i] + " needs a value").c_str());
         if (args[i] == "--root") jx::setRoot(args[i + 1]);
-        else if (args[i] == "--domain") domain = args[i + 1];
+        else if (args[i] == "--domain") {
+            domain = args[i + 1];
+            if (!validDomain(domain)) {
+                std::fprintf(stderr, "joulixctl: '%s' is no domain: use a reverse-DNS name such as %s\n",
+                             domain.c_str(), kJXDefaultsDomain);
+                return 2;
+            }
+        }
         else return usageError(("unknown option " + args[i]).c_str());
         i += 2;
     }
