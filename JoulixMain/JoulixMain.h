@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -95,6 +96,8 @@ public:
     void stopNotifications();
     void joulixExitRequested();
     void logStatusRequestFired(const void* ignored);
+    // A status request from the bus: at most one trigger a second, the others folded into it.
+    void coalesceStatusRequest();
     void triggerAllLoggers(const std::string& reason);
     // Log file: naming, header, opening and closing.
     std::string logFileNameForTimestamp(jx::Date date);
@@ -180,6 +183,11 @@ private:
     std::shared_ptr<jx::FileDescriptor> kqueueDescriptorRef;
     // How often the watch has been armed, for tests and benchmarks that count rebuilds.
     std::atomic<unsigned> watchArmings_{0};
+    // Status requests: when the last trigger ran, and whether one is due with how many folded into it.
+    std::mutex statusMutex_;
+    std::chrono::steady_clock::time_point lastStatusTrigger_{};
+    bool statusPending_ = false;
+    unsigned long statusFolded_ = 0;
     // Ends an unfinished last line of a log opened for appending.
     void endTornLine(int fd, const std::string& path);
     // A restart for a missing log is queued (touched on the shared queue only).

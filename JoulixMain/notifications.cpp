@@ -1,5 +1,17 @@
 // Notifications, signals and triggers.
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <mutex>
+#include <vector>
+
 #include "JoulixMain/JoulixMain.h"
+#include "platform/Clock.h"
+#include "platform/WallClockTimer.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLogger.h"
 #include "platform/JXUtilities.h"
@@ -8,18 +20,84 @@
 
 using Suspension = jx::SystemNotificationCenter::SuspensionBehavior;
 
-void JoulixExitRequested(jx::SystemNotificationCenter*, void* observer, const std::string&, const void*,
-                         const jx::Value&) {
+namespace {
+
+const char* const kSteeringGroup = "joulix";
+
+// Whether a user belongs to the group that may steer the daemon.
+bool inSteeringGroup(uid_t uid) {
+    std::vector<char> buffer(16384);
+    group gr{};
+    group* grp = nullptr;
+    if (::getgrnam_r(kSteeringGroup, &gr, buffer.data(), buffer.size(), &grp) != 0 || !grp) return false;
+    const gid_t steering = grp->gr_gid;
+    passwd pw{};
+    passwd* pwp = nullptr;
+    std::vector<char> pwBuffer(16384);
+    if (::getpwuid_r(uid, &pw, pwBuffer.data(), pwBuffer.size(), &pwp) != 0 || !pwp) return false;
+    if (pw.pw_gid == steering) return true;
+    int count = 64;
+    std::vector<gid_t> groups(static_cast<std::size_t>(count));
+    if (::getgrouplist(pw.pw_name, pw.pw_gid, groups.data(), &count) < 0) {
+        groups.resize(static_cast<std::size_t>(count));
+        if (::getgrouplist(pw.pw_name, pw.pw_gid, groups.data(), &count) < 0) return false;
+    }
+    groups.resize(static_cast<std::size_t>(count));
+    return std::find(groups.begin(), groups.end(), steering) != groups.end();
+}
+
+// Refusals are said at growing intervals (1 s, doubling up to 5 minutes) with the
+// number left unsaid, so that a flood of foreign posts cannot flood the system log.
+std::mutex gRefusalMutex;
+std::chrono::steady_clock::time_point gNextRefusalMessage{};
+std::chrono::seconds gRefusalInterval{1};
+unsigned long gRefusalsUnsaid = 0;
+
+void sayRefusal(const std::string& name, std::optional<uid_t> uid) {
+    std::lock_guard lock(gRefusalMutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (now < gNextRefusalMessage) {
+        ++gRefusalsUnsaid;
+        return;
+    }
+    const std::string who = uid ? "user " + std::to_string(*uid) : std::string("a sender the bus did not name");
+    jx::systemLogf(jx::kLogWarning,
+                   "refused %s from %s: only root, the daemon's user and the group %s may steer it (%lu more refused "
+                   "since the last message)",
+                   name.c_str(), who.c_str(), kSteeringGroup, gRefusalsUnsaid);
+    gRefusalsUnsaid = 0;
+    gNextRefusalMessage = now + gRefusalInterval;
+    gRefusalInterval = std::min<std::chrono::seconds>(gRefusalInterval * 2, std::chrono::seconds(300));
+}
+
+// The system bus lets every local user send signals: the daemon acts only for root,
+// its own user and the members of the steering group, whatever the bus's policy.
+bool fromTrustedSender(const std::string& name, const jx::Value& userInfo) {
+    std::optional<uid_t> uid;
+    jx::Value v = userInfo.objectForKey(jx::kSenderUIDKey);
+    if (v.isNumber()) uid = static_cast<uid_t>(v.integerValue());
+    if (uid && (*uid == 0 || *uid == ::geteuid() || inSteeringGroup(*uid))) return true;
+    sayRefusal(name, uid);
+    return false;
+}
+
+}  // namespace
+
+void JoulixExitRequested(jx::SystemNotificationCenter*, void* observer, const std::string& name, const void*,
+                         const jx::Value& userInfo) {
+    if (!fromTrustedSender(name, userInfo)) return;
     static_cast<JoulixMain*>(observer)->joulixExitRequested();
 }
 
-void JoulixLogStatusRequested(jx::SystemNotificationCenter*, void* observer, const std::string&, const void*,
-                              const jx::Value&) {
-    static_cast<JoulixMain*>(observer)->logStatusRequestFired(nullptr);
+void JoulixLogStatusRequested(jx::SystemNotificationCenter*, void* observer, const std::string& name, const void*,
+                              const jx::Value& userInfo) {
+    if (!fromTrustedSender(name, userInfo)) return;
+    static_cast<JoulixMain*>(observer)->coalesceStatusRequest();
 }
 
-void HandleLockvaultUnlockedForFirstTime(jx::SystemNotificationCenter*, void* observer, const std::string&,
-                                         const void*, const jx::Value&) {
+void HandleLockvaultUnlockedForFirstTime(jx::SystemNotificationCenter*, void* observer, const std::string& name,
+                                         const void*, const jx::Value& userInfo) {
+    if (!fromTrustedSender(name, userInfo)) return;
     auto* controller = static_cast<JoulixMain*>(observer);
     jx::systemLog("lockvault unlocked!");
     // The log file can be opened now.
@@ -56,6 +134,50 @@ void JoulixMain::joulixExitRequested() {
 }
 
 void JoulixMain::logStatusRequestFired(const void*) { triggerAllLoggers("statusRequested"); }
+
+void JoulixMain::coalesceStatusRequest() {
+    using namespace std::chrono;
+    const auto now = steady_clock::now();
+    std::optional<double> dueIn;
+    {
+        std::lock_guard lock(statusMutex_);
+        if (statusPending_) {
+            ++statusFolded_;
+            return;
+        }
+        const auto since = now - lastStatusTrigger_;
+        if (since >= seconds(1)) {
+            lastStatusTrigger_ = now;
+        } else {
+            // One trigger a second at most: the rest of the second's requests fold into one.
+            statusPending_ = true;
+            statusFolded_ = 0;
+            dueIn = duration<double>(seconds(1) - since).count();
+        }
+    }
+    if (!dueIn) {
+        logStatusRequestFired(nullptr);
+        return;
+    }
+    const double due = jx::Clock::current().now().secondsSince1970 + *dueIn;
+    std::weak_ptr<JoulixMain> weak = weak_from_this();
+    jx::scheduleAtWallClock(static_cast<long>(due), static_cast<long>((due - std::floor(due)) * 1e9),
+                            JXUtilities::mainQueue(), [weak] {
+                                auto self = weak.lock();
+                                if (!self) return;
+                                unsigned long folded = 0;
+                                {
+                                    std::lock_guard lock(self->statusMutex_);
+                                    self->statusPending_ = false;
+                                    self->lastStatusTrigger_ = std::chrono::steady_clock::now();
+                                    folded = self->statusFolded_;
+                                }
+                                jx::systemLogf(jx::kLogNotice,
+                                               "status requests faster than one a second: %lu folded into one trigger",
+                                               folded + 1);
+                                self->logStatusRequestFired(nullptr);
+                            });
+}
 
 void JoulixMain::triggerAllLoggers(const std::string& reason) {
     jx::systemLogf(jx::kLogNotice, "Received signal(%s), calling log on all loggers", reason.c_str());

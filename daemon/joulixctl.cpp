@@ -268,6 +268,25 @@ int postCommand(const std::string& name) {
     return 0;
 }
 
+// A request to the daemon stays on the bus until the daemon has named its sender
+// (it acts only for root, its own user and the group joulix, and a sender already
+// gone cannot be named), and says so when nobody answers.
+int steerCommand(const std::string& name) {
+    using Receipt = jx::SystemNotificationCenter::Receipt;
+    switch (jx::SystemNotificationCenter::shared().postAwaitingReceipt(name, 2.0)) {
+        case Receipt::Received: return 0;
+        case Receipt::Posted:
+            std::fprintf(stderr,
+                         "joulixctl: no daemon took %s within 2 s: joulix is not running, or the bus does not let "
+                         "this user post (root and the group joulix may)\n",
+                         name.c_str());
+            return 1;
+        case Receipt::NotPosted: break;
+    }
+    std::fprintf(stderr, "joulixctl: could not post %s\n", name.c_str());
+    return 1;
+}
+
 int waitCommand(const std::vector<std::string>& args) {
     std::string name;
     double timeout = -1;
@@ -355,13 +374,13 @@ int main(int argc, char** argv) {
     std::vector<std::string> rest(args.begin() + static_cast<long>(i), args.end());
     if (command == "exit" || command == "status" || command == "unlock") {
         if (!rest.empty()) return usageError((command + " takes no arguments").c_str());
-        if (command == "exit") return postCommand(JXExitRequest);
-        if (command == "status") return postCommand(JXLogStateRequest);
+        if (command == "exit") return steerCommand(JXExitRequest);
+        if (command == "status") return steerCommand(JXLogStateRequest);
         // The unlock is recorded where the lock state is read, then announced: until
         // then no log file can be secured, and the daemon leaves a present log alone.
         if (std::string why; !jx::recordFirstUnlock(&why))
             std::fprintf(stderr, "joulixctl: could not record the unlock in %s\n", why.c_str());
-        return postCommand(JXFirstUnlockNotification);
+        return steerCommand(JXFirstUnlockNotification);
     }
     if (command == "post") {
         if (rest.size() != 1 || rest[0].empty()) return usageError("post takes one notification name");

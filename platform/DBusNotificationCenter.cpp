@@ -12,8 +12,10 @@
 #include <algorithm>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <mutex>
 #include <vector>
 
@@ -27,6 +29,8 @@ namespace {
 constexpr const char* kPath = "/com/brindle/Notify";
 constexpr const char* kInterface = "com.brindle.Notify";
 constexpr const char* kMember = "Post";
+// Sent by an observer to a poster it has named, addressed to that poster alone.
+constexpr const char* kReceiptMember = "Received";
 
 using Slot = BusSlot;
 
@@ -56,6 +60,41 @@ class DBusSystemCenter : public SystemNotificationCenter {
 public:
     bool post(const std::string& name) override {
         std::lock_guard lock(postMutex_);
+        return emitLocked(name);
+    }
+
+    Receipt postAwaitingReceipt(const std::string& name, double seconds) override {
+        std::lock_guard lock(postMutex_);
+        if (!postBus_ && !(postBus_ = openSystemBus())) return Receipt::NotPosted;
+        bool received = false;
+        sd_bus_slot* raw = nullptr;
+        const std::string rule = std::string("type='signal',path='") + kPath + "',interface='" + kInterface +
+                                 "',member='" + kReceiptMember + "'";
+        auto onReceipt = [](sd_bus_message* m, void* flag, sd_bus_error*) -> int {
+            const char* got = nullptr;
+            auto* state = static_cast<std::pair<bool*, const std::string*>*>(flag);
+            if (sd_bus_message_read(m, "s", &got) >= 0 && got && *state->second == got) *state->first = true;
+            return 0;
+        };
+        std::pair<bool*, const std::string*> state{&received, &name};
+        if (sd_bus_add_match(postBus_.get(), &raw, rule.c_str(), onReceipt, &state) < 0) postBus_.reset();
+        Slot slot(raw);
+        if (!emitLocked(name)) return Receipt::NotPosted;
+        using Clock = std::chrono::steady_clock;
+        const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+        while (!received && postBus_) {
+            int r = sd_bus_process(postBus_.get(), nullptr);
+            if (r < 0) break;
+            if (r > 0) continue;
+            const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+            if (left <= 0) break;
+            if (sd_bus_wait(postBus_.get(), static_cast<uint64_t>(left)) < 0) break;
+        }
+        return received ? Receipt::Received : Receipt::Posted;
+    }
+
+private:
+    bool emitLocked(const std::string& name) {
         // A connection kept from earlier may belong to a bus that has gone since
         // (restarted): then one fresh connection is tried before giving up.
         for (int attempt = 0; attempt < 2; ++attempt) {
@@ -73,6 +112,7 @@ public:
         return false;
     }
 
+public:
     bool addObserver(void* observer, const std::string& name, Callback callback, SuspensionBehavior,
                      std::shared_ptr<RunLoop> loop) override {
         if (!loop) loop = RunLoop::current();
@@ -115,7 +155,13 @@ private:
         std::shared_ptr<RunLoop> loop;
     };
 
+    struct Received {
+        std::string name;
+        std::optional<uid_t> uid;
+    };
+
     static constexpr int kFirstRetrySeconds = 1;
+    static constexpr std::size_t kMaxSenders = 4096;
     static constexpr int kLastRetrySeconds = 300;
 
     // Serves a connection on the home loop; the match rules are added by the caller.
@@ -143,6 +189,8 @@ private:
         matches_.clear();
         bus_.reset();
         received_.clear();
+        // A new bus gives its unique names anew.
+        senders_.clear();
     }
 
     // A lost bus is tried again after 1 s, then after twice as long each time, up
@@ -191,15 +239,42 @@ private:
 
     static int onSignal(sd_bus_message* m, void* userdata, sd_bus_error*) {
         const char* name = nullptr;
+        auto* self = static_cast<DBusSystemCenter*>(userdata);
         if (sd_bus_message_read(m, "s", &name) >= 0 && name)
-            static_cast<DBusSystemCenter*>(userdata)->received_.emplace_back(name);
+            self->received_.push_back(Received{name, self->senderUid(sd_bus_message_get_sender(m), name)});
         return 0;
+    }
+
+    // The user of a sender, asked of the bus once per connection: a unique name is
+    // never given to another connection while the bus runs, so the answer is kept.
+    std::optional<uid_t> senderUid(const char* sender, const char* name) {
+        if (!sender || !bus_) return std::nullopt;
+        if (auto it = senders_.find(sender); it != senders_.end()) return it->second;
+        sd_bus_creds* raw = nullptr;
+        std::optional<uid_t> uid;
+        if (sd_bus_get_name_creds(bus_.get(), sender, SD_BUS_CREDS_EUID | SD_BUS_CREDS_UID, &raw) >= 0) {
+            uid_t u = 0;
+            if (sd_bus_creds_get_euid(raw, &u) >= 0 || sd_bus_creds_get_uid(raw, &u) >= 0) uid = u;
+            sd_bus_creds_unref(raw);
+        }
+        // Bounded: many short-lived senders must not grow the table without end.
+        if (senders_.size() >= kMaxSenders) senders_.clear();
+        senders_.emplace(sender, uid);
+        // Named now: the poster, which may be waiting for this, may leave.
+        if (uid) {
+            sd_bus_message* receipt = nullptr;
+            if (sd_bus_message_new_signal(bus_.get(), &receipt, kPath, kInterface, kReceiptMember) >= 0 &&
+                sd_bus_message_set_destination(receipt, sender) >= 0 && sd_bus_message_append(receipt, "s", name) >= 0)
+                sd_bus_send(bus_.get(), receipt, nullptr);
+            sd_bus_message_unref(receipt);
+        }
+        return uid;
     }
 
     // On the home loop's thread: reads what the bus has, then calls the observers
     // without holding the lock, so that a callback may add or remove observers.
     void serve() {
-        std::vector<std::string> names;
+        std::vector<Received> names;
         {
             std::lock_guard lock(mutex_);
             if (!bus_) return;
@@ -215,10 +290,12 @@ private:
             }
             names.swap(received_);
         }
-        for (const std::string& name : names) deliver(name);
+        for (const Received& r : names) deliver(r.name, r.uid);
     }
 
-    void deliver(const std::string& name) {
+    void deliver(const std::string& name, std::optional<uid_t> uid) {
+        // Who posted, for observers that act only for some: {"SenderUID": uid} when the bus said.
+        Value info = uid ? Value(Dictionary{{kSenderUIDKey, Value(static_cast<long long>(*uid))}}) : Value();
         std::vector<Observer> targets;
         std::shared_ptr<RunLoop> home;
         {
@@ -228,10 +305,10 @@ private:
                 if (o.name == name) targets.push_back(o);
         }
         for (Observer& o : targets) {
-            auto call = [this, o, name] {
+            auto call = [this, o, name, info] {
                 // An observer removed by an earlier callback is not called.
                 if (!registered(o.id)) return;
-                (*o.callback)(this, o.observer, name, nullptr, Value());
+                (*o.callback)(this, o.observer, name, nullptr, info);
             };
             if (o.loop == home || !o.loop) call();
             else o.loop->perform(call);
@@ -261,7 +338,8 @@ private:
     std::shared_ptr<RunLoop> home_;
     RunLoop::SourceId source_ = 0;
     std::vector<Observer> observers_;
-    std::vector<std::string> received_;
+    std::vector<Received> received_;
+    std::map<std::string, std::optional<uid_t>> senders_;
     std::uint64_t nextId_ = 1;
     FileDescriptor retryTimer_;
     RunLoop::SourceId retrySource_ = 0;

@@ -42,11 +42,15 @@ private:
     std::vector<Entry> observers_;
 };
 
+// The key of the poster's user id in a system-wide notification's user information.
+inline constexpr const char* kSenderUIDKey = "SenderUID";
+
 // The system-wide centre. Posting reaches every process that observes the name.
 class SystemNotificationCenter {
 public:
     // The observer's callback: the centre, the observer as registered, the name,
-    // and the object and user information (none travel between processes).
+    // and the object and user information. No object travels between processes;
+    // the user information is {kSenderUIDKey: uid} when the bus told who posted.
     using Callback = std::function<void(SystemNotificationCenter* center, void* observer, const std::string& name,
                                         const void* object, const Value& userInfo)>;
     // What happens to a notification while the observing process is suspended.
@@ -63,6 +67,15 @@ public:
                              SuspensionBehavior behavior = SuspensionBehavior::DeliverImmediately,
                              std::shared_ptr<RunLoop> loop = nullptr) = 0;
     virtual void removeObserver(void* observer, const std::string& name) = 0;
+
+    enum class Receipt { NotPosted, Posted, Received };
+    // Posts, then waits up to the time for an observer to say it received the name
+    // and learnt who posted it. A poster that leaves the bus at once could not be
+    // named any more; this lets a short-lived tool stay until it has been.
+    virtual Receipt postAwaitingReceipt(const std::string& name, double seconds) {
+        (void)seconds;
+        return post(name) ? Receipt::Posted : Receipt::NotPosted;
+    }
 
     static SystemNotificationCenter& shared();
     // Tests put in a double (not owned; nullptr restores the real one).

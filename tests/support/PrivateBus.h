@@ -4,11 +4,13 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -19,11 +21,21 @@ namespace jxtest {
 
 class PrivateBus {
 public:
-    PrivateBus() {
+    // With a configuration, the bus runs on it instead of the session bus's (its
+    // <listen> is replaced by the private socket), and other users may reach the socket.
+    explicit PrivateBus(const std::string& configuration = "") {
         if (access("/usr/bin/dbus-daemon", X_OK) != 0) return;
         char pattern[] = "/tmp/joulix-bus-XXXXXX";
         if (!mkdtemp(pattern)) return;
         dir_ = pattern;
+        if (!configuration.empty()) {
+            config_ = dir_ + "/bus.conf";
+            FILE* f = fopen(config_.c_str(), "w");
+            if (!f) return;
+            fputs(configuration.c_str(), f);
+            fclose(f);
+            chmod(dir_.c_str(), 0755);
+        }
         if (!start()) return;
         address_ = "unix:path=" + dir_ + "/bus";
         setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
@@ -65,8 +77,9 @@ private:
             int null = open("/dev/null", O_RDWR);
             dup2(null, 1);
             dup2(null, 2);
-            execl("/usr/bin/dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", listen.c_str(),
-                  static_cast<char*>(nullptr));
+            const std::string configFile = "--config-file=" + config_;
+            execl("/usr/bin/dbus-daemon", "dbus-daemon", config_.empty() ? "--session" : configFile.c_str(), "--nofork",
+                  "--nopidfile", listen.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
         if (pid_ < 0) return false;
@@ -81,6 +94,7 @@ private:
 
     pid_t pid_ = -1;
     std::string dir_;
+    std::string config_;
     std::string address_;
 };
 

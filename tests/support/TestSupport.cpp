@@ -130,7 +130,9 @@ bool RecordingSystemCenter::post(const std::string& name) {
                 for (auto& r : observers_) still |= r.observer == o.observer && r.name == name;
                 if (!still) return;
             }
-            (*o.callback)(this, o.observer, name, nullptr, jx::Value());
+            // Posted by this process's own user, as the bus would say.
+            (*o.callback)(this, o.observer, name, nullptr,
+                          jx::Value(jx::Dictionary{{jx::kSenderUIDKey, jx::Value(static_cast<long long>(geteuid()))}}));
         });
     }
     return true;
