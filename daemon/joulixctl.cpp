@@ -384,6 +384,9 @@ int main(int argc, char** argv) {
     }
     if (command == "post") {
         if (rest.size() != 1 || rest[0].empty()) return usageError("post takes one notification name");
+        // The daemon's own requests wait for it like exit, status and unlock do.
+        for (const char* steering : {JXExitRequest, JXLogStateRequest, JXFirstUnlockNotification})
+            if (rest[0] == steering) return steerCommand(rest[0]);
         return postCommand(rest[0]);
     }
     if (command == "wait") return waitCommand(rest);

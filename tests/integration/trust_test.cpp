@@ -78,9 +78,10 @@ TEST_F(TrustTest, OtherUsersCannotSteerTheDaemonThroughTheBusOrPastIt) {
         for (const char* name : {JXLogStateRequest, JXFirstUnlockNotification, JXExitRequest})
             ASSERT_EQ(postAsNobody(bus, name), 0);
         if (!withPolicy) {
-            // Past the bus, the daemon itself refuses.
+            // Past the bus, the daemon itself refuses: as user 65534, or, when the sender
+            // left before the bus could name it (a slow daemon), as a sender not named.
             ASSERT_TRUE(waitFor([&] {
-                return daemon->err().find("refused com.brindle.joulix.LogStateRequest from user 65534") != std::string::npos;
+                return daemon->err().find("refused com.brindle.joulix.LogStateRequest from ") != std::string::npos;
             })) << tail(daemon->err());
         }
         // Root still steers it; nothing of nobody's was acted on.
