@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "platform/DateFormatter.h"
@@ -140,6 +141,18 @@ public:
     void generateLogGatheringFiles(const std::string& path);
     bool archiveLogFile(const std::string& path, const std::string& toFile, const std::string& atDir);
     void DeleteOldFiles();
+    // What a kill during compression leaves behind is put right: an unfinished
+    // archive is removed, and a log whose archive is missing or broken is compressed
+    // again before its link may go. At start-up and before each retention pass; the log
+    // that pass has just compressed (or failed to) is left to it.
+    void repairArchives(const std::string& justArchived = "");
+    // The daemon's state for `joulixctl status`, as one JSON text: since when it runs,
+    // its log (path, size, GUID, start), mode, loggers loaded (with each one's last
+    // sample) and not found, the next rollover, the archives and its own CPU time.
+    // It tells nothing of what the log holds. Safe to call from any thread.
+    std::string statusJSON();
+    // Logs whose compression failed: their .archive links are kept (archive queue only).
+    std::set<std::string> linksKept_;
     void generatePListForLog(const std::string& path, const std::string& InFaultkeeper);
     // The serial queue on which compression, retention and post-processing run.
     static jx::SerialQueue& archiveQueue();
@@ -201,6 +214,10 @@ private:
     std::atomic<bool> _shouldKeepRunning{false};
     mutable std::mutex fileGUIDMutex_;
     std::optional<std::string> _fileGUID;
+    // What the status query tells, kept where it is decided (guarded by the GUID's mutex).
+    std::optional<jx::Date> logStarted_, nextRollover_;
+    std::set<std::string> loggersNotFound_;
+    jx::Date runningSince_{};
     std::atomic<bool> _setupComplete{false};
     std::atomic<bool> _exitRequested{false};
 };
@@ -222,3 +239,5 @@ void HandleLockvaultUnlockedForFirstTime(jx::SystemNotificationCenter* center, v
 // The logger names the controller sets up: the full static list and the core list.
 extern const char* const kJXStaticLoggerList[36];
 extern const char* const kJXCoreLoggerList[18];
+// This system's own measuring loggers, set up in every mode after the core list.
+extern const char* const kJXMeasuringLoggerList[6];

@@ -28,13 +28,23 @@
 #include "platform/JXUtilities.h"
 #include "platform/PropertyList.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 
 namespace {
 
 // Renames without replacing: a move onto an existing item fails, as it must here.
+// Both names are taken in directories reached through no link.
 int moveNoReplace(const std::string& from, const std::string& to) {
-    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
+    std::optional<jx::TreeEntry> a = jx::openParentOf(from), b = a ? jx::openParentOf(to) : std::nullopt;
+    if (!a || !b) return -1;
+    return ::renameat2(a->dir.get(), a->name.c_str(), b->dir.get(), b->name.c_str(), RENAME_NOREPLACE);
+}
+
+// The item itself, never what a link at its name points to.
+bool lstatInTree(const std::string& path, struct stat* st) {
+    std::optional<jx::TreeEntry> at = jx::openParentOf(path);
+    return at && ::fstatat(at->dir.get(), at->name.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 std::string lastPathComponent(const std::string& path) {
@@ -58,21 +68,19 @@ std::int32_t absoluteAge(jx::Date date, jx::Date now) {
 bool JoulixMain::isSameHardLinkedFileAtPath(const std::string& path, const std::string& asAtPath) {
     if (path.empty() || asAtPath.empty()) return false;
     struct stat a {}, b {};
-    if (::stat(path.c_str(), &a) != 0 || ::stat(asAtPath.c_str(), &b) != 0) return false;
+    if (!lstatInTree(path, &a) || !lstatInTree(asAtPath, &b)) return false;
     // Only the inode numbers: both names live in one tree of the same volume.
     return a.st_ino == b.st_ino;
 }
 
 bool JoulixMain::doesFileAtPathExist(const std::string& path) {
     struct stat st {};
-    return ::stat(path.c_str(), &st) == 0;
+    return lstatInTree(path, &st);
 }
 
 bool JoulixMain::deleteFileAtPath(const std::string& path) {
     if (!doesFileAtPathExist(path)) return false;
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
-    if (ec) fatalError("joulix.DeleteFile", ec.message());
+    if (!jx::removePath(path)) fatalError("joulix.DeleteFile", std::string(std::strerror(errno)));
     return true;
 }
 
@@ -92,12 +100,14 @@ bool JoulixMain::moveFileAtPath(const std::string& path) {
     }
     if (!free) {
         jx::systemLogf(jx::kLogNotice, "Had to delete %s, too many copies to rename.", path.c_str());
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-        if (ec) fatalError("removing file", ec.message());
+        if (!jx::removePath(path)) fatalError("removing file", std::string(std::strerror(errno)));
         return true;
     }
     if (moveNoReplace(path, *free) != 0) fatalError("renaming file", std::string(std::strerror(errno)));
+    struct stat st {};
+    if (lstatInTree(*free, &st) && !S_ISREG(st.st_mode))
+        jx::systemLogf(jx::kLogNotice, "%s: %s stood at the name: moved aside to %s", path.c_str(),
+                       jx::nonRegularKind(st.st_mode).c_str(), free->c_str());
     return true;
 }
 
@@ -143,33 +153,37 @@ void JoulixMain::generateLogGatheringFiles(const std::string& path) {
 
     const std::string name = lastPathComponent(path);
     const std::string archiveDir = jx::rootPath(kJXArchiveDirectory);
-    struct stat st {};
-    if (::stat(archiveDir.c_str(), &st) == 0) {
-        if (!S_ISDIR(st.st_mode)) {
-            jx::systemLog("Target directory is not a directory");
-            return;
-        }
-    } else {
-        std::error_code ec;
-        std::filesystem::create_directories(archiveDir, ec);
-        if (ec) {
-            jx::systemLogf(jx::kLogNotice, "Can't create JXArchive Directory: %s", ec.message().c_str());
-            return;
-        }
+    jx::FileDescriptor archive = jx::openTreeDirectory(archiveDir);
+    if (!archive.valid() && errno == ENOENT) archive = jx::openTreeDirectory(archiveDir, true);
+    if (!archive.valid()) {
+        if (errno == ENOTDIR || errno == ELOOP) jx::systemLog("Target directory is not a directory");
+        else jx::systemLogf(jx::kLogNotice, "Can't create JXArchive Directory: %s", std::strerror(errno));
+        return;
     }
     setFileProtectionForPath(archiveDir, "archiving");
-    if (runningAsRoot()) JXUtilities::chownToMobile(archiveDir);
+    if (runningAsRoot()) jx::handToMobile(archive.get());
 
     // A second name for the log just closed: the roll moves the current log away
-    // afterwards, and the compression reads this one at its own pace.
+    // afterwards, and the compression reads this one at its own pace. The name is
+    // given to the very file checked to be a regular log, and must be new.
     const std::string linked = archiveDir + "/" + name + ".archive";
-    if (::link(current.c_str(), linked.c_str()) != 0) {
+    std::string why;
+    jx::FileDescriptor log = jx::openRegularFile(current, O_RDONLY, 0, &why);
+    if (!log.valid()) {
+        jx::systemLogf(jx::kLogNotice, "cannot create linked file for archive and pList generation : %s: %s",
+                       current.c_str(), why.c_str());
+        return;
+    }
+    if (!jx::linkOpenFile(log.get(), archive.get(), name + ".archive")) {
         jx::systemLogf(jx::kLogNotice, "cannot create linked file for archive and pList generation : %s",
                        std::strerror(errno));
         return;
     }
     archiveQueue().async([self = shared_from_this(), linked, name, archiveDir] {
-        self->archiveLogFile(linked, name, archiveDir);
+        // A failed compression is not tried again at once (a full disk would fail it
+        // twice): its link is kept, and the next pass compresses it again.
+        if (!self->archiveLogFile(linked, name, archiveDir)) self->linksKept_.insert(name);
+        self->repairArchives(name);
         self->DeleteOldFiles();
         if (self->basebandPostProcessing() && JXDefaultsCurrentLoggingMode() != 0) self->runBasebandPostProcessing();
     });
@@ -186,25 +200,77 @@ void JoulixMain::runBasebandPostProcessing() {
 }
 
 bool JoulixMain::archiveLogFile(const std::string& path, const std::string& toFile, const std::string& atDir) {
-    std::unique_ptr<FILE, int (*)(FILE*)> in(std::fopen(path.c_str(), "r"), std::fclose);
-    if (!in) return false;
-    const std::string archive = atDir + "/" + toFile + ".gz";
-    std::unique_ptr<FILE, int (*)(FILE*)> out(std::fopen(archive.c_str(), "w"), std::fclose);
-    if (!out) {
+    std::string why;
+    jx::FileDescriptor inFd = jx::openRegularFile(path, O_RDONLY, 0, &why);
+    if (!inFd.valid()) {
+        if (errno != ENOENT) jx::systemLogf(jx::kLogNotice, "%s: %s: not archived", path.c_str(), why.c_str());
+        return false;
+    }
+    jx::FileDescriptor dir = jx::openTreeDirectory(atDir);
+    // The archive is written under a name of its own, made exclusively, and takes its
+    // real name only once complete: whatever stood at that name (a link planted
+    // there included) is replaced, never written through.
+    const std::string archive = toFile + ".gz", partial = toFile + ".gz.partial";
+    jx::FileDescriptor outFd;
+    if (dir.valid() && jx::removeAt(dir.get(), partial))
+        outFd = jx::openRegularFileAt(dir.get(), partial, O_WRONLY | O_CREAT | O_EXCL, 0644, &why);
+    std::unique_ptr<FILE, int (*)(FILE*)> in(inFd.valid() ? ::fdopen(inFd.get(), "r") : nullptr, std::fclose);
+    std::unique_ptr<FILE, int (*)(FILE*)> out(outFd.valid() ? ::fdopen(outFd.get(), "w") : nullptr, std::fclose);
+    if (in) inFd.release();
+    if (out) outFd.release();
+    if (!in || !out) {
         jx::systemLog("cannot create archive file");
+        if (dir.valid()) jx::removeAt(dir.get(), partial);
         return false;
     }
-    // A failed archive stays where it is; the retention pass removes it in time.
-    if (jx::deflateFileToGzip(in.get(), out.get(), 9) != 0) {
+    bool ok = jx::deflateFileToGzip(in.get(), out.get(), 9) == 0 && std::fflush(out.get()) == 0 &&
+              ::fsync(fileno(out.get())) == 0;
+    if (ok && runningAsRoot()) jx::handToMobile(fileno(out.get()));
+    ok = std::fclose(out.release()) == 0 && ok;
+    struct stat st {};
+    if (ok && ::fstatat(dir.get(), archive.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(st.st_mode))
+        jx::systemLogf(jx::kLogNotice, "%s/%s: %s stood at the archive's name: replaced", atDir.c_str(), archive.c_str(),
+                       jx::nonRegularKind(st.st_mode).c_str());
+    if (!ok || ::renameat(dir.get(), partial.c_str(), dir.get(), archive.c_str()) != 0) {
         jx::systemLog("archive failed");
+        jx::removeAt(dir.get(), partial);
         return false;
     }
-    if (std::fclose(out.release()) != 0) {
-        jx::systemLog("archive failed");
-        return false;
-    }
-    if (runningAsRoot()) JXUtilities::chownToMobile(archive);
     return true;
+}
+
+void JoulixMain::repairArchives(const std::string& justArchived) {
+    const std::string archiveDir = jx::rootPath(kJXArchiveDirectory);
+    jx::FileDescriptor dir = jx::openTreeDirectory(archiveDir);
+    if (!dir.valid()) return;
+    std::vector<std::string> partial, linked;
+    jx::forEachFileBelow(dir.get(), [&](int, const std::string& name, const std::string& relative) {
+        if (relative != name) return;  // the daemon writes only at the top
+        if (name.ends_with(".gz.partial")) partial.push_back(name);
+        else if (name.ends_with(".archive")) linked.push_back(name.substr(0, name.size() - 8));
+    });
+    for (const std::string& name : partial) {
+        jx::systemLogf(jx::kLogNotice, "%s/%s: an archive left unfinished: removed", archiveDir.c_str(), name.c_str());
+        ::unlinkat(dir.get(), name.c_str(), 0);
+    }
+    for (const std::string& name : linked) {
+        if (name == justArchived) continue;
+        std::string why;
+        jx::FileDescriptor gz = jx::openRegularFileAt(dir.get(), name + ".gz", O_RDONLY, 0, &why);
+        bool whole = gz.valid() && jx::gzipFileChecks(gz.get());
+        if (!whole) {
+            jx::systemLogf(jx::kLogNotice, "%s/%s.gz: %s: compressing the log again", archiveDir.c_str(), name.c_str(),
+                           gz.valid() ? "broken" : "missing");
+            whole = archiveLogFile(archiveDir + "/" + name + ".archive", name, archiveDir);
+        }
+        // Until a compression succeeds, the link is the log's only copy here: it stays.
+        if (whole) {
+            linksKept_.erase(name);
+            ::unlinkat(dir.get(), (name + ".archive").c_str(), 0);
+        } else {
+            linksKept_.insert(name);
+        }
+    }
 }
 
 void JoulixMain::DeleteOldFiles() {
@@ -212,20 +278,19 @@ void JoulixMain::DeleteOldFiles() {
     if (maxAge < 0) maxAge = 1209600;
     const jx::Date now = jx::Clock::current().now();
 
+    // Walked through descriptors without following a link: deletion stays inside.
     const std::string archiveDir = jx::rootPath(kJXArchiveDirectory);
-    std::vector<std::string> doomed;
-    std::error_code ec;
-    for (std::filesystem::recursive_directory_iterator it(archiveDir, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string relative = it->path().lexically_relative(archiveDir).string();
-        const std::string file = archiveDir + "/" + relative;
-        std::error_code typeError;
-        if (std::filesystem::is_directory(file, typeError)) continue;
-        // A file whose creation date cannot be read is as young as can be.
-        std::optional<jx::Date> created = jx::fileCreationDate(file);
-        const std::int32_t age = created ? absoluteAge(*created, now) : 0;
-        if (age > maxAge || it->path().extension() == ".archive") doomed.push_back(file);
+    jx::FileDescriptor dir = jx::openTreeDirectory(archiveDir);
+    if (dir.valid()) {
+        jx::forEachFileBelow(dir.get(), [&](int parent, const std::string& name, const std::string&) {
+            // A file whose creation date cannot be read is as young as can be.
+            std::optional<jx::Date> created = jx::fileCreationDateAt(parent, name);
+            const std::int32_t age = created ? absoluteAge(*created, now) : 0;
+            const bool link = name.ends_with(".archive") && !linksKept_.count(name.substr(0, name.size() - 8));
+            if ((age > maxAge || link) && ::unlinkat(parent, name.c_str(), 0) != 0 && errno != ENOENT)
+                fatalError("joulix.DeleteFile", std::string(std::strerror(errno)));
+        });
     }
-    for (const std::string& file : doomed) deleteFileAtPath(file);
 
     jx::Value listed = JXDefaultsValueForKey(JXFullModeBlackList);
     const jx::Array* days = listed.asArray();
@@ -254,10 +319,13 @@ void JoulixMain::generatePListForLog(const std::string& path, const std::string&
     report[kFKProblemReportSystemIDKey] = jx::Value(GetSysIDWithDescription(nullptr));
     report[kFKProblemReportProblemTypeKey] = jx::Value(178);
     if (JXDefaultsValueForKey(JXFaultkeeperPlistWithContent).boolValue()) {
-        std::ifstream in(path, std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        report[kFKProblemReportDescriptionKey] = jx::Value(text.str());
+        std::string text, why;
+        jx::FileDescriptor in = jx::openRegularFile(path, O_RDONLY, 0, &why);
+        if (!in.valid()) jx::systemLogf(jx::kLogNotice, "%s: %s: not read into the report", path.c_str(), why.c_str());
+        char buffer[65536];
+        for (ssize_t n; in.valid() && (n = ::read(in.get(), buffer, sizeof buffer)) > 0;)
+            text.append(buffer, static_cast<std::size_t>(n));
+        report[kFKProblemReportDescriptionKey] = jx::Value(text);
     } else {
         report["remote_description"] = jx::Value(InFaultkeeper);
     }
@@ -266,6 +334,7 @@ void JoulixMain::generatePListForLog(const std::string& path, const std::string&
     const std::size_t dot = plist.find_last_of('.');
     if (dot != std::string::npos && (slash == std::string::npos || dot > slash + 1)) plist.erase(dot);
     plist += ".plist";
-    if (!jx::writePropertyListFileAtomically(plist, jx::Value(report))) return;
-    if (runningAsRoot()) JXUtilities::chownToMobile(plist);
+    // Handed to "mobile" before it takes its name: a chown by name afterwards could
+    // be sent through a link put in its place.
+    jx::writePropertyListFileAtomically(plist, jx::Value(report), runningAsRoot());
 }

@@ -10,6 +10,8 @@
 #include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
 #include "platform/Clock.h"
+#include "platform/DaemonService.h"
+#include "platform/FileProtection.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLogger.h"
 #include "platform/JXUtilities.h"
@@ -129,6 +131,10 @@ JoulixMain::~JoulixMain() {
 
 void JoulixMain::run() {
     {
+        std::lock_guard lock(fileGUIDMutex_);
+        runningSince_ = jx::Date::now();
+    }
+    {
         std::lock_guard lock(gRunThreadsMutex);
         ++gRunThreads;
     }
@@ -187,6 +193,9 @@ void JoulixMain::runThread() {
     // 6-8.
     if (!exitRequested()) setupLoggers();
     startLoggingToFile();
+    // A kill during an earlier run's compression is put right before anything else is archived.
+    if (logToFile() && MLVGetDeviceLockState(nullptr) != 1)
+        archiveQueue().async([self = shared_from_this()] { self->repairArchives(); });
     JXUtilities::sharedDispatchQueue().sync([this] {
         if (rotateDebugLogging_) jx::systemLog("JoulixMain:runThread unblocking after initial startLoggingToFile");
     });
@@ -202,10 +211,14 @@ void JoulixMain::runThread() {
         logFileCheck();
         setSetupComplete(true);
         jx::SystemNotificationCenter::shared().post(JXStateChanged);
+        // Set up, and the first entries are on disk: the service manager may say "started".
+        JXLogWriter::sharedWriter().blockOnWriteEntries();
+        jx::notifyServiceManager("READY=1");
         std::shared_ptr<jx::RunLoop> loop = JXUtilities::sharedJXRunLoop();
         while (shouldKeepRunning() && loop) {
             if (loop->runUntilSourceHandled(-1) == jx::RunLoop::Result::Finished) break;
         }
+        jx::notifyServiceManager("STOPPING=1");
         stopNotifications();
         watchCrashReportDirectories(false);
     }

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 
 #include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
@@ -14,6 +13,7 @@
 #include "platform/JXLogger.h"
 #include "platform/JXUtilities.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 
 namespace {
@@ -97,15 +97,27 @@ void JoulixMain::createNewCurrentLogWithTimestamp(jx::Date timestamp) {
     header.setObject(JXValue::valueWithLong(getpid(), "", JXValue::kLong), "pid");
     JXLogWriter::sharedWriter().logAsFirstEntry(header);
 
-    deleteFileAtPath(path);
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        jx::systemLogf(jx::kLogError, "Unable to create %s: %s", path.c_str(), std::strerror(errno));
+    // Whatever stands at the name goes first, and the new log is made exclusively
+    // without following a link: a link planted there must never be written through.
+    // One that comes back between the two steps is removed once more.
+    std::string why;
+    jx::FileDescriptor fd;
+    for (int attempt = 0; attempt < 3 && !fd.valid(); ++attempt) {
+        deleteFileAtPath(path);
+        std::optional<jx::TreeEntry> at = jx::openParentOf(path);
+        if (!at) {
+            why = std::strerror(errno);
+            break;
+        }
+        fd = jx::openRegularFileAt(at->dir.get(), at->name, O_WRONLY | O_CREAT | O_EXCL, 0644, &why);
+        if (!fd.valid() && errno != EEXIST) break;
+    }
+    if (!fd.valid()) {
+        jx::systemLogf(jx::kLogError, "Unable to create %s: %s", path.c_str(), why.c_str());
         exitAtOnce(1);
     }
-    ::close(fd);
     setFileProtectionForPath(path, "creating log");
-    JXUtilities::chownToMobile(path);
+    jx::handToMobile(fd.get());
 }
 
 bool JoulixMain::readLogFilePrefix(const std::string& path, std::string* buildVersion, jx::Date* logDate) {
@@ -113,11 +125,14 @@ bool JoulixMain::readLogFilePrefix(const std::string& path, std::string* buildVe
     std::optional<std::string> prefix, build;
     std::optional<jx::Date> parsed;
     try {
-        if (!path.empty() && doesFileAtPathExist(path)) {
-            std::ifstream in(path, std::ios::binary);
+        std::string why;
+        jx::FileDescriptor fd = path.empty() ? jx::FileDescriptor() : jx::openRegularFile(path, O_RDONLY, 0, &why);
+        if (!fd.valid() && errno != ENOENT && !path.empty())
+            jx::systemLogf(jx::kLogNotice, "%s: %s: not read as a log", path.c_str(), why.c_str());
+        if (fd.valid()) {
             std::string bytes(kPrefixLength, '\0');
-            in.read(bytes.data(), static_cast<std::streamsize>(kPrefixLength));
-            bytes.resize(static_cast<std::size_t>(in.gcount()));
+            ssize_t n = ::pread(fd.get(), bytes.data(), kPrefixLength, 0);
+            bytes.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
             prefix = decodeUTF8Prefix(bytes);
 
             build = remainingStringFrom(prefix, "Build=", ";");
@@ -160,24 +175,37 @@ void JoulixMain::startLoggingToCurrentLog(jx::Date date) {
     } else {
         if (!fileIsUnlockedAtPath(path, "file open")) return;
         if (rotateDebugLogging_) jx::systemLog("starting to log to file");
-        logFile = std::fopen(path.c_str(), "a");
+        // Read and write: the torn-line check reads the last byte through the same
+        // descriptor. Never through a link, never a FIFO or a device.
+        std::string why;
+        jx::FileDescriptor fd = jx::openRegularFile(path, O_RDWR | O_APPEND | O_CREAT, 0644, &why);
+        if (fd.valid()) logFile = ::fdopen(fd.get(), "a");
         if (!logFile)
-            fatalError(jx::formatString("Could not open log file for writing '%s': %s", path.c_str(), std::strerror(errno)),
+            fatalError(jx::formatString("Could not open log file for writing '%s': %s", path.c_str(),
+                                        fd.valid() ? std::strerror(errno) : why.c_str()),
                        std::nullopt);
-        int fd = fileno(logFile);
-        if (fd <= 0) fatalError(jx::formatString("fileno returned %d", fd), std::nullopt);
-        endTornLine(fd, path);
+        fd.release();
+        int descriptor = fileno(logFile);
+        if (descriptor <= 0) fatalError(jx::formatString("fileno returned %d", descriptor), std::nullopt);
+        endTornLine(descriptor, path);
         setFileProtectionForPath(path, "file opened");
         if (shouldLinkToFaultkeeper()) {
             linkedLogPath = jx::rootPath(kJXCrashReportDirectory) + "/" + logFileNameForTimestamp(date);
             if (!isSameHardLinkedFileAtPath(path, *linkedLogPath)) {
                 moveFileAtPath(*linkedLogPath);
-                if (::link(path.c_str(), linkedLogPath->c_str()) != 0) fatalError("Linking log", std::string(std::strerror(errno)));
+                // The file just opened gets the second name, whatever its first name is by now.
+                std::optional<jx::TreeEntry> at = jx::openParentOf(*linkedLogPath);
+                if (!at || !jx::linkOpenFile(descriptor, at->dir.get(), at->name))
+                    fatalError("Linking log", std::string(std::strerror(errno)));
             }
         }
     }
     JXLogWriter::sharedWriter().setLogFile(logFile);
     JXLogWriter::sharedWriter().setLogFileEnabled(true);
+    {
+        std::lock_guard lock(fileGUIDMutex_);
+        logStarted_ = date;
+    }
 
     // Every logger writes its full state into the new file, marked as belonging to a new log.
     std::shared_ptr<JXEntry> list = _loggerList;
@@ -201,9 +229,7 @@ void JoulixMain::endTornLine(int fd, const std::string& path) {
     struct stat st {};
     char last = '\n';
     if (::fstat(fd, &st) != 0 || st.st_size == 0) return;
-    // The stream is open for appending only: the byte is read through a descriptor of its own.
-    jx::FileDescriptor reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (!reader.valid() || ::pread(reader.get(), &last, 1, st.st_size - 1) != 1 || last == '\n') return;
+    if (::pread(fd, &last, 1, st.st_size - 1) != 1 || last == '\n') return;
     jx::systemLogf(jx::kLogNotice, "%s ended in an unfinished line: ending it before logging on", path.c_str());
     std::fputc('\n', logFile);
     std::fflush(logFile);

@@ -86,6 +86,11 @@ bool fromTrustedSender(const std::string& name, const jx::Value& userInfo) {
 void JoulixExitRequested(jx::SystemNotificationCenter*, void* observer, const std::string& name, const void*,
                          const jx::Value& userInfo) {
     if (!fromTrustedSender(name, userInfo)) return;
+    // Said before the controller winds down (its own state entries stop then), so that
+    // a stop asked for is not taken for a crash.
+    jx::Value uid = userInfo.objectForKey(jx::kSenderUIDKey);
+    JXLogWriter::sharedWriter().logEntry(
+        "Log", " state=stopping; reason=exit request" + (uid.isNil() ? std::string() : " from uid " + uid.description()) + ";");
     static_cast<JoulixMain*>(observer)->joulixExitRequested();
 }
 

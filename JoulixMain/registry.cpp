@@ -36,6 +36,9 @@ const char* const kJXCoreLoggerList[18] = {
     "JXLaunchdeckLogger", "JXSettingsLogger",
 };
 
+const char* const kJXMeasuringLoggerList[6] = {"JXClockLogger",        "JXPowercapLogger",  "JXWakeupSourceLogger",
+                                                "JXCpuResidencyLogger", "JXRuntimePMLogger", "JXSelfCostLogger"};
+
 namespace {
 
 bool endsWith(const std::string& s, const std::string& suffix) {
@@ -82,6 +85,14 @@ void JoulixMain::setupLoggers() {
         }
     }
 
+    // This system's own measuring loggers: set up in every mode, each switched off by
+    // its own Enabled setting, and quiet where the machine has nothing to measure.
+    for (const char* name : kJXMeasuringLoggerList) {
+        if (!JXLogger::loggerEnabledWithName(name)) continue;
+        jx::systemLogf(jx::kLogNotice, "setting up measuring logger %s", name);
+        addLoggerByName(name);
+    }
+
     const std::vector<std::string> candidates = pluginCandidates();
 
     for (const std::string& candidate : candidates) {
@@ -114,6 +125,8 @@ void JoulixMain::addLoggerByName(const std::string& name) {
     if (!loggerClass) loggerClass = JXBundle::principalClass(jx::rootPath(kJXPluginDirectory) + name + ".bundle");
     if (!loggerClass) {
         jx::systemLogf(jx::kLogNotice, "Could not find %s, skipping.", name.c_str());
+        std::lock_guard lock(fileGUIDMutex_);
+        loggersNotFound_.insert(name);
         return;
     }
 

@@ -237,6 +237,10 @@ void JoulixMain::logStateEvent(const std::string& state, std::optional<jx::Date>
 }
 
 void JoulixMain::setRolloverTimer(std::optional<jx::Date> date) {
+    {
+        std::lock_guard lock(fileGUIDMutex_);
+        nextRollover_ = date;
+    }
     if (!date) return;
     double whole = 0;
     double fraction = std::modf(date->secondsSince1970, &whole);

@@ -13,6 +13,7 @@
 #include "platform/JXLogWriter.h"
 #include "platform/JXUtilities.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 
 bool JoulixMain::setFileProtectionForPath(const std::string& path, const std::string& withIdentifier) {
@@ -179,7 +180,9 @@ void JoulixMain::logFileCheck() {
         if (multi && present) return;
         // A log opened while linking was off has no crash-report name: it gets one at its roll.
         if (!self->linkedLogPath) return;
-        if (::link(current.c_str(), self->linkedLogPath->c_str()) != 0)
+        // The name is given back to the file being written, whatever stands at its own name.
+        std::optional<jx::TreeEntry> at = jx::openParentOf(*self->linkedLogPath);
+        if (!at || !jx::linkOpenFile(::fileno(self->logFile), at->dir.get(), at->name))
             self->fatalError("Linking log", std::string(std::strerror(errno)));
         JXLogWriter::sharedWriter().logEntry("Log", " state=MultiLinkReset;");
     });

@@ -104,6 +104,9 @@ public:
     // The temporary file under the root, and the two shell commands run on it.
     static std::string temporaryJoulixPath();
     static std::string extractionCommand(const std::string& joulixPath, const std::string& temporaryPath);
+    // The extraction command without its redirection: the daemon makes the output
+    // file itself and hands it to the search as its standard output.
+    static std::string searchCommand(const std::string& joulixPath);
     static std::string removalCommand(const std::string& temporaryPath);
     // A file's creation date: its birth time, else its modification time; nullopt
     // when its attributes cannot be read. Symbolic links are not followed.

@@ -73,7 +73,7 @@ void JXBasebandPostProcessing::FileHandle::closeFile() {
 void JXBasebandPostProcessing::initWithFilePath(const std::string& path) {
     try {
         fileHandle.reset();
-        jx::FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        jx::FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
         // Only a regular file is a log: a directory or a pipe put in its place is no file to read.
         struct stat st {};
         if (fd.valid() && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();

@@ -11,6 +11,7 @@
 #include "baseband/JXBasebandPostProcessing.h"
 #include "platform/JXUtilities.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 #include "platform/Task.h"
 
@@ -101,8 +102,11 @@ std::string JXBasebandPostProcessing::extractionCommand(const std::string& jouli
     // LC_ALL=C and -a: every line holding a tag is kept, whatever bytes surround it.
     // Without -a, one NUL byte (a power loss can leave a zero-filled tail) makes grep
     // take the log for binary and write none of its lines.
-    return std::string("LC_ALL=C grep -a \"") + kExtractionPattern + "\" \"" + jx::shellEscapedForDoubleQuotes(joulixPath) +
-           "\" > \"" + jx::shellEscapedForDoubleQuotes(temporaryPath) + "\"";
+    return searchCommand(joulixPath) + " > \"" + jx::shellEscapedForDoubleQuotes(temporaryPath) + "\"";
+}
+
+std::string JXBasebandPostProcessing::searchCommand(const std::string& joulixPath) {
+    return std::string("LC_ALL=C grep -a \"") + kExtractionPattern + "\" \"" + jx::shellEscapedForDoubleQuotes(joulixPath) + "\"";
 }
 
 std::string JXBasebandPostProcessing::removalCommand(const std::string& temporaryPath) {
@@ -147,6 +151,9 @@ std::string JXBasebandPostProcessing::joulixOfInterestOrThrow(const std::string&
     std::map<ExactTime, std::string, std::greater<>> byCreation;
     for (const std::string& name : getMatchedFilesInDirectory(path, "self ENDSWITH '.joulix'")) {
         std::string full = path + name;
+        // A link or anything else but a log file is not read as root: it could name any file.
+        struct stat st {};
+        if (::lstat(full.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) continue;
         auto created = creationTime(full);
         // A file gone before its attributes were read has no date to be filed under.
         if (!created) throw std::runtime_error("no creation date for " + full);
@@ -169,9 +176,20 @@ std::string JXBasebandPostProcessing::getJoulixOfInterest(const std::string& pat
 void JXBasebandPostProcessing::getTrimemdJoulixFile(const std::string& path) {
     try {
         removeTemporaryJoulix();
+        // The extraction command's redirection, made by the daemon: the shell would
+        // open the name as root and follow a link planted at it in the shared /var/tmp.
+        // The file is new, made exclusively, and never reached through a link.
+        std::string why;
+        jx::FileDescriptor out =
+            jx::openRegularFile(temporaryJoulixPath(), O_WRONLY | O_CREAT | O_EXCL, 0600, &why);
+        if (!out.valid()) {
+            jx::systemLogf(jx::kLogError, "BBPowerTool -- %s: %s: nothing extracted", temporaryJoulixPath().c_str(),
+                           why.c_str());
+            return;
+        }
         // The exit status tells nothing more than the extract does: a failed
-        // extraction leaves an empty or missing file, which reads as no lines.
-        JXUtilities::openTask(extractionCommand(path, temporaryJoulixPath()));
+        // extraction leaves an empty file, which reads as no lines.
+        JXUtilities::openTask(searchCommand(path), out.get());
     } catch (...) {
         jx::systemLog(jx::kLogNotice, "BBPowerTool -- getTrimemdJoulixFile: Exception");
     }

@@ -89,7 +89,7 @@ void BM_CtlStatusToDaemonLogEntry(benchmark::State& state) {
 
     std::size_t seen = 0;
     for (auto _ : state) {
-        pid_t ctl = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulixctl", "--root", root, "status"});
+        pid_t ctl = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulixctl", "--root", root, "trigger"});
         ++seen;
         while (countIn(log, "state=statusRequested;") < seen) std::this_thread::sleep_for(std::chrono::microseconds(100));
         state.PauseTiming();

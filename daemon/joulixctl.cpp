@@ -1,7 +1,11 @@
 // joulixctl: the control tool. Reads and writes the daemon's settings through the
 // same settings layer the daemon uses, and steers a running daemon with
 // system-wide notifications.
+#include <getopt.h>
 #include <sys/stat.h>
+
+#include <ctime>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -17,11 +21,13 @@
 
 #include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
+#include "platform/DaemonService.h"
 #include "platform/FileProtection.h"
 #include "platform/NotificationCenter.h"
 #include "platform/NotificationNames.h"
 #include "platform/PreferencesStore.h"
 #include "platform/PropertyList.h"
+#include "platform/LoggerTimer.h"
 #include "platform/Root.h"
 
 int bbpowerCommand(const std::vector<std::string>& args);
@@ -31,6 +37,11 @@ namespace {
 const char* const kUsage =
     "usage: joulixctl [--root DIR] [--domain DOMAIN] COMMAND\n"
     "commands:\n"
+    "  status [--json]                     whether the daemon runs, its log, loggers, next roll;\n"
+    "                                      status 3 when it does not run\n"
+    "  trigger                             make every logger of the daemon log now\n"
+    "  exit                                ask the daemon to exit\n"
+    "  unlock                              record and announce the device's first unlock\n"
     "  defaults read [KEY]                 print one setting, or every setting of the domain\n"
     "  defaults write KEY [TYPE] VALUE...  set a setting; TYPE is -string (default), -int,\n"
     "                                      -float, -bool (YES/NO, true/false, 1/0), -array or\n"
@@ -39,21 +50,23 @@ const char* const kUsage =
     "                                      or -dict-add (KEY VALUE pairs added to a logger's\n"
     "                                      dictionary, keeping its other keys)\n"
     "  defaults delete KEY                 remove a setting\n"
-    "  exit                                ask the daemon to exit\n"
-    "  status                              make every logger of the daemon log now\n"
-    "  unlock                              record and announce the device's first unlock\n"
     "  post NAME                           post any system-wide notification\n"
     "  wait NAME [--timeout S]             wait for a system-wide notification; status 1\n"
     "                                      when S seconds pass first (default: no limit)\n"
     "  bbpower [DIR] [--notify]            one baseband power analysis of DIR (default: the\n"
     "                                      crash-report directory); says where its results went\n"
-    "The domain is com.brindle.joulix unless --domain names another (a reverse-DNS name).\n"
+    "options:\n"
+    "  --root DIR        take every fixed path under DIR (default: $JOULIX_ROOT, else /)\n"
+    "  --domain DOMAIN   the settings domain (a reverse-DNS name; default com.brindle.joulix)\n"
+    "  -h, --help        this text\n"
+    "  --version         the version and the commit it was built from\n"
     "defaults write warns on a key the daemon does not know and on a value it will read\n"
-    "otherwise than written. Notifications go over\n"
-    "the system bus (DBUS_SYSTEM_BUS_ADDRESS is honoured).\n";
+    "otherwise than written. Requests and the status query go over the system bus\n"
+    "(DBUS_SYSTEM_BUS_ADDRESS is honoured). See joulixctl(8).\n";
 
-int usageError(const char* why) {
-    std::fprintf(stderr, "joulixctl: %s\n%s", why, kUsage);
+// A usage error says what was wrong in one line, not the whole usage.
+int usageError(const std::string& why) {
+    std::fprintf(stderr, "joulixctl: %s; see joulixctl --help\n", why.c_str());
     return 2;
 }
 
@@ -154,6 +167,9 @@ std::optional<std::string> writeWarning(const std::string& key, const jx::Value&
             if (const std::string* text = value.asString(); text && !booleanSpelling(*text))
                 return "'" + *text + "' is no boolean: the daemon reads it as " + (value.boolValue() ? "YES" : "NO") +
                        " (use -bool YES or NO)";
+    if (const jx::Dictionary* settings = value.asDictionary(); settings && knownLoggerName(key))
+        if (auto it = settings->find("SamplePeriod"); it != settings->end())
+            if (auto problem = jx::LoggerTimer::readSamplePeriod(it->second, 60).problem) return "SamplePeriod: " + *problem;
     if (key == JXJoulixArchiveDays && JoulixMain::ComputeTimeFromNowFromDefaults(value) == 0)
         return "it reads as 0 seconds: every archive will be deleted at the next roll (use a number of days, or "
                "\"N day\", \"N hour\", \"N minute\")";
@@ -273,18 +289,91 @@ int postCommand(const std::string& name) {
 // gone cannot be named), and says so when nobody answers.
 int steerCommand(const std::string& name) {
     using Receipt = jx::SystemNotificationCenter::Receipt;
+    if (!jx::DaemonService::running())
+        std::fprintf(stderr, "joulixctl: warning: no daemon owns %s on the system bus: joulix does not seem to run\n",
+                     jx::kDaemonBusName);
     switch (jx::SystemNotificationCenter::shared().postAwaitingReceipt(name, 2.0)) {
-        case Receipt::Received: return 0;
+        case Receipt::Received: std::printf("sent %s: the daemon took it\n", name.c_str()); return 0;
         case Receipt::Posted:
             std::fprintf(stderr,
-                         "joulixctl: no daemon took %s within 2 s: joulix is not running, or the bus does not let "
-                         "this user post (root and the group joulix may)\n",
+                         "joulixctl: sent %s, but no daemon took it within 2 s: joulix is not running, or the bus does "
+                         "not let this user post (root and the group joulix may)\n",
                          name.c_str());
             return 1;
         case Receipt::NotPosted: break;
     }
     std::fprintf(stderr, "joulixctl: could not post %s\n", name.c_str());
     return 1;
+}
+
+// "2026-11-23T10:00:00.000Z" as the reader's local time, "2026-11-23 11:00:00".
+std::string localTime(const nlohmann::json& iso) {
+    if (!iso.is_string()) return "-";
+    std::tm tm{};
+    const std::string text = iso.get<std::string>();
+    if (!strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &tm)) return text;
+    std::time_t t = timegm(&tm);
+    std::tm local{};
+    localtime_r(&t, &local);
+    char out[40];
+    std::strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S %Z", &local);
+    return out;
+}
+
+std::string bytesText(std::uint64_t n) {
+    const char* units[] = {"B", "KB", "MB", "GB"};
+    double v = static_cast<double>(n);
+    int u = 0;
+    while (v >= 1024 && u < 3) v /= 1024, ++u;
+    char out[32];
+    std::snprintf(out, sizeof out, u ? "%.1f %s" : "%.0f %s", v, units[u]);
+    return out;
+}
+
+// The running daemon's state, asked of it under its name on the system bus; status 3
+// (the convention for "not running") when nobody answers.
+int statusCommand(const std::vector<std::string>& args) {
+    bool json = false;
+    for (const std::string& a : args) {
+        if (a == "--json") json = true;
+        else return usageError("status takes only --json, not '" + a + "'");
+    }
+    std::string why;
+    std::optional<std::string> text = jx::DaemonService::queryStatus(1.0, &why);
+    if (!text) {
+        std::fprintf(stderr, "joulix is not running (%s)\n", why.c_str());
+        return 3;
+    }
+    nlohmann::json s = nlohmann::json::parse(*text, nullptr, false);
+    if (s.is_discarded()) {
+        std::fprintf(stderr, "joulixctl: the daemon's answer is no JSON\n");
+        return 1;
+    }
+    if (json) {
+        std::printf("%s\n", s.dump(2).c_str());
+        return 0;
+    }
+    const nlohmann::json& log = s["log"];
+    std::printf("joulix is running: pid %s since %s, version %s (commit %s)\n", s["pid"].dump().c_str(),
+                localTime(s["running_since"]).c_str(), s.value("version", "?").c_str(), s.value("commit", "?").c_str());
+    std::printf("log:          %s (%s)\n", log.value("path", "-").c_str(),
+                log["size_bytes"].is_number() ? bytesText(log["size_bytes"].get<std::uint64_t>()).c_str() : "missing");
+    std::printf("  GUID:       %s, begun %s\n", log["guid"].is_string() ? log["guid"].get<std::string>().c_str() : "-",
+                localTime(log["started"]).c_str());
+    std::printf("mode:         %s\n", s.value("logging_mode", "-").c_str());
+    std::printf("next roll:    %s\n", localTime(s["next_rollover"]).c_str());
+    std::printf("archives:     %s, %s\n", s["archives"]["count"].dump().c_str(),
+                bytesText(s["archives"]["bytes"].get<std::uint64_t>()).c_str());
+    std::printf("own CPU time: %.2f s\n", s.value("cpu_seconds", 0.0));
+    std::printf("loggers (%zu):\n", s["loggers"].size());
+    for (const auto& l : s["loggers"])
+        std::printf("  %-28s last sample %s\n", l.value("name", "?").c_str(), localTime(l["last_sample"]).c_str());
+    if (!s["loggers_not_found"].empty()) {
+        std::printf("not found (%zu):", s["loggers_not_found"].size());
+        for (const auto& n : s["loggers_not_found"]) std::printf(" %s", n.get<std::string>().c_str());
+        std::printf("\n");
+    }
+    return 0;
 }
 
 int waitCommand(const std::vector<std::string>& args) {
@@ -339,43 +428,50 @@ int waitCommand(const std::vector<std::string>& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
     std::string domain = kJXDefaultsDomain;
-    std::size_t i = 0;
-    while (i < args.size() && args[i].rfind("--", 0) == 0) {
-        if (args[i] == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
+    enum { kRoot = 1, kDomain, kVersion };
+    static const option options[] = {
+        {"root", required_argument, nullptr, kRoot}, {"domain", required_argument, nullptr, kDomain},
+        {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, kVersion},
+        {nullptr, 0, nullptr, 0},
+    };
+    opterr = 0;
+    // "+": options end at the command; what follows it is the command's own.
+    for (int c; (c = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
+        switch (c) {
+            case kRoot: jx::setRoot(optarg); break;
+            case kDomain:
+                domain = optarg;
+                if (!validDomain(domain)) {
+                    std::fprintf(stderr, "joulixctl: '%s' is no domain: use a reverse-DNS name such as %s\n",
+                                 domain.c_str(), kJXDefaultsDomain);
+                    return 2;
+                }
+                break;
+            case 'h': std::fputs(kUsage, stdout); return 0;
+            case kVersion: std::printf("joulixctl %s (commit %s)\n", JOULIX_VERSION, JOULIX_COMMIT); return 0;
+            case ':': return usageError(std::string("option '") + argv[optind - 1] + "' needs a value");
+            default: return usageError(std::string("unknown option '") + argv[optind - 1] + "'");
         }
-        if (i + 1 >= args.size()) return usageError(("option " + args[i] + " needs a value").c_str());
-        if (args[i] == "--root") jx::setRoot(args[i + 1]);
-        else if (args[i] == "--domain") {
-            domain = args[i + 1];
-            if (!validDomain(domain)) {
-                std::fprintf(stderr, "joulixctl: '%s' is no domain: use a reverse-DNS name such as %s\n",
-                             domain.c_str(), kJXDefaultsDomain);
-                return 2;
-            }
-        }
-        else return usageError(("unknown option " + args[i]).c_str());
-        i += 2;
     }
-    if (i >= args.size()) return usageError("no command");
-    std::string command = args[i++];
+    std::vector<std::string> args(argv + optind, argv + argc);
+    if (args.empty()) return usageError("no command");
+    const std::string command = args[0];
+    std::vector<std::string> rest(args.begin() + 1, args.end());
     if (command == "defaults") {
-        if (i >= args.size()) return usageError("defaults needs read, write or delete");
-        std::string verb = args[i++];
-        std::vector<std::string> rest(args.begin() + static_cast<long>(i), args.end());
+        if (rest.empty()) return usageError("defaults needs read, write or delete");
+        const std::string verb = rest[0];
+        rest.erase(rest.begin());
         if (verb == "read") return defaultsRead(domain, rest);
         if (verb == "write") return defaultsWrite(domain, rest);
         if (verb == "delete") return defaultsDelete(domain, rest);
-        return usageError(("unknown defaults command " + verb).c_str());
+        return usageError("unknown defaults command '" + verb + "'");
     }
-    std::vector<std::string> rest(args.begin() + static_cast<long>(i), args.end());
-    if (command == "exit" || command == "status" || command == "unlock") {
-        if (!rest.empty()) return usageError((command + " takes no arguments").c_str());
+    if (command == "status") return statusCommand(rest);
+    if (command == "exit" || command == "trigger" || command == "unlock") {
+        if (!rest.empty()) return usageError(command + " takes no arguments");
         if (command == "exit") return steerCommand(JXExitRequest);
-        if (command == "status") return steerCommand(JXLogStateRequest);
+        if (command == "trigger") return steerCommand(JXLogStateRequest);
         // The unlock is recorded where the lock state is read, then announced: until
         // then no log file can be secured, and the daemon leaves a present log alone.
         if (std::string why; !jx::recordFirstUnlock(&why))
@@ -384,12 +480,12 @@ int main(int argc, char** argv) {
     }
     if (command == "post") {
         if (rest.size() != 1 || rest[0].empty()) return usageError("post takes one notification name");
-        // The daemon's own requests wait for it like exit, status and unlock do.
+        // The daemon's own requests wait for it like exit, trigger and unlock do.
         for (const char* steering : {JXExitRequest, JXLogStateRequest, JXFirstUnlockNotification})
             if (rest[0] == steering) return steerCommand(rest[0]);
         return postCommand(rest[0]);
     }
     if (command == "wait") return waitCommand(rest);
     if (command == "bbpower") return bbpowerCommand(rest);
-    return usageError(("unknown command " + command).c_str());
+    return usageError("unknown command '" + command + "'");
 }

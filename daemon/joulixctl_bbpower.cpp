@@ -13,6 +13,7 @@
 #include "platform/Metrics.h"
 #include "platform/OptionalLinking.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 
 namespace {
@@ -51,8 +52,7 @@ int bbpowerCommand(const std::vector<std::string>& args) {
 
     // The messages of the run go to standard error as well as to the system log.
     jx::setLogToStderr(true);
-    std::error_code ec;
-    std::filesystem::create_directories(jx::rootPath("/var/tmp"), ec);
+    jx::openTreeDirectory(jx::rootPath("/var/tmp"), true);
 
     const std::string spool = TLMServerConnection::spoolPath();
     const std::string reports = jx::rootPath("/var/mobile/Library/Logs/Larkin/");

@@ -1,7 +1,7 @@
 // Fuzzes the line reader: whatever the bytes, the lines it returns are the file's
 // lines in order, each whole and ending with its newline (the last may lack one),
 // and it stops early only at a line that is not UTF-8.
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -29,8 +29,15 @@ void check(bool ok, const char* what) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static int fd = memfd_create("joulix-line-reader", MFD_CLOEXEC);
-    static const std::string path = "/proc/self/fd/" + std::to_string(fd);
+    // A real file by its own name: the reader opens its file without following a link,
+    // so a /proc/self/fd name would not do.
+    static char name[] = "/tmp/joulix-line-reader-XXXXXX";
+    static int fd = [] {
+        int made = mkstemp(name);
+        std::atexit([] { ::unlink(name); });
+        return made;
+    }();
+    static const std::string path = name;
     static Quiet quiet;
     jx::setLogSink(&quiet);
     if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) return 0;

@@ -1,12 +1,15 @@
 #include "platform/FileProtection.h"
 
+#include <fcntl.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 
 namespace jx {
 
@@ -22,7 +25,7 @@ bool setFileProtectionClass(const std::string& path, const std::string& protecti
     const bool keysMissing =
         protectionClass == kProtectionCompleteUntilFirstUserAuthentication && MLVGetDeviceLockState(nullptr) == 1;
     if (keysMissing) errno = EPERM;
-    else if (::setxattr(path.c_str(), kAttribute, protectionClass.data(), protectionClass.size(), 0) == 0) return true;
+    else if (::lsetxattr(path.c_str(), kAttribute, protectionClass.data(), protectionClass.size(), 0) == 0) return true;
     if (error) {
         error->code = errno;
         error->domain = "NSPOSIXErrorDomain";
@@ -34,7 +37,7 @@ bool setFileProtectionClass(const std::string& path, const std::string& protecti
 
 std::string fileProtectionClass(const std::string& path) {
     char buf[256];
-    ssize_t n = ::getxattr(path.c_str(), kAttribute, buf, sizeof buf);
+    ssize_t n = ::lgetxattr(path.c_str(), kAttribute, buf, sizeof buf);
     return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : std::string();
 }
 
@@ -42,9 +45,10 @@ std::string fileProtectionClass(const std::string& path) {
 
 bool jx::recordFirstUnlock(std::string* why) {
     const std::string path = rootPath("/run/joulix/lock-state");
-    std::ofstream out(path, std::ios::trunc);
-    if (out << "0\n" && out.flush()) return true;
-    if (why) *why = path + ": " + std::strerror(errno);
+    std::string reason;
+    FileDescriptor fd = openRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, 0644, &reason);
+    if (fd.valid() && ::write(fd.get(), "0\n", 2) == 2) return true;
+    if (why) *why = path + ": " + (fd.valid() ? std::strerror(errno) : reason);
     return false;
 }
 

@@ -11,5 +11,7 @@ namespace jx {
 
 // nullopt when the item cannot be examined. Symbolic links are not followed.
 std::optional<Date> fileCreationDate(const std::string& path);
+// The same for a name in an open directory.
+std::optional<Date> fileCreationDateAt(int dir, const std::string& name);
 
 }  // namespace jx

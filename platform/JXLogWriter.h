@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/JXEntry.h"
 
@@ -47,6 +48,14 @@ private:
     struct Item {
         std::string line;
         bool first;
+        // For the droppedEntries notice: the entries it stands for.
+        std::size_t markerCount = 0;
+    };
+    // What one write takes out of the queue.
+    struct Batch {
+        FILE* file = nullptr;
+        bool endTornLine = false;
+        std::vector<Item> items;
     };
     void enqueue(std::string line, bool first);
     static std::string lineFor(const std::string& key, const std::string& body);
@@ -54,6 +63,14 @@ private:
     void waitIdleLocked(std::unique_lock<std::mutex>& lock);
     void writeOutLocked();
     void noteDroppedLocked();
+    void boundLocked();
+    // Where entries go that must follow the ones queued first (headers).
+    std::deque<Item>::iterator afterFirstEntriesLocked();
+    // Counts an entry that will never be written.
+    void loseLocked(const Item& item);
+    Batch takeBatchLocked();
+    static std::size_t writeBatch(Batch& batch, int* error);
+    void afterWriteLocked(Batch& batch, std::size_t done, int error);
     void run();
 
     mutable std::mutex mutex_;
@@ -65,6 +82,11 @@ private:
     bool writing_ = false;
     bool waiting_ = false;
     bool stopping_ = false;
+    // The last write failed; the next entry queued allows one more try.
+    bool failing_ = false;
+    bool failSaid_ = false;
+    // This writer's last write ended in the middle of a line.
+    bool torn_ = false;
     std::size_t limit_ = kDefaultPendingLimit;
     std::size_t dropped_ = 0;
     std::size_t droppedUnreported_ = 0;

@@ -29,8 +29,16 @@ JXLogger::~JXLogger() = default;
 
 void JXLogger::log() {
     logSample();
+    noteSampled();
     haveLogged_.store(true);
 }
+
+std::size_t JXLogger::topCount(std::size_t defaultCount) const {
+    jx::Value setting = settingForKey("TopCount", name_);
+    return !setting.isNil() && setting.integerValue() > 0 ? static_cast<std::size_t>(setting.integerValue()) : defaultCount;
+}
+
+void JXLogger::noteSampled() { lastSample_.store(jx::Date::now().secondsSince1970); }
 
 std::optional<double> JXLogger::numberSettingForKey(const std::string& key, const std::string& forLoggerNamed) {
     jx::Value v = settingForKey(key, forLoggerNamed);

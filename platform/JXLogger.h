@@ -24,6 +24,8 @@ public:
     void log();
     // YES once the logger has logged at least once.
     bool haveLogged() const { return haveLogged_.load(); }
+    // When it last took a sample (seconds since 1970), 0 before the first.
+    double lastSampleTime() const { return lastSample_.load(); }
     // YES while the logger writes its full state into a new log.
     void setIsNewLog(bool isNew) { isNewLog_.store(isNew); }
     bool isNewLog() const { return isNewLog_.load(); }
@@ -41,14 +43,20 @@ public:
     // The same setting as a finite number: a number, or a string that is one whole
     // (the control tool writes strings); nothing otherwise.
     static std::optional<double> numberSettingForKey(const std::string& key, const std::string& forLoggerNamed);
+    // How many entries a ranking logger writes: its "TopCount" setting when that is a
+    // positive number, else the default.
+    std::size_t topCount(std::size_t defaultCount) const;
 
 protected:
     // What one sample writes; each logger supplies its own.
     virtual void logSample() = 0;
+    // Records that a sample was taken now (log() does; a timer's tick does too).
+    void noteSampled();
 
 private:
     std::string name_;
     jx::SerialQueue& queue_;
     std::atomic<bool> haveLogged_{false};
     std::atomic<bool> isNewLog_{false};
+    std::atomic<double> lastSample_{0};
 };

@@ -111,9 +111,12 @@ JXLoggerClass* JXBundle::principalClass(const std::string& path) {
     } else {
         // Checked on the open file, and the file loaded through that descriptor, so
         // what was checked is what is loaded even if the name is replaced meanwhile.
-        jx::FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!fd.valid()) return nullptr;  // no bundle: not an error
+        // A FIFO or a device is never opened (that could block the start for ever, or act).
         struct stat st {};
+        if (::stat(path.c_str(), &st) != 0) return nullptr;  // no bundle: not an error
+        if (!S_ISREG(st.st_mode)) return refuse("not a regular file");
+        jx::FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        if (!fd.valid()) return nullptr;
         if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return refuse("not a regular file");
         if (std::string why = distrust("the bundle", st); !why.empty()) return refuse(why);
         std::string dir = path.substr(0, path.find_last_of('/') + 1);

@@ -1,5 +1,6 @@
 #include "platform/JXUtilities.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <systemd/sd-id128.h>
 #include <sys/utsname.h>
@@ -18,6 +19,7 @@
 #include "platform/JXLoggerClass.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 
 namespace {
@@ -130,13 +132,13 @@ std::string JXUtilities::buildVersion() {
 }
 
 void JXUtilities::chownToMobile(const std::string& path) {
-    struct passwd* pw = getpwnam("mobile");
-    if (!pw) {
-        static std::once_flag said;
-        std::call_once(said, [] { jx::systemLog("no account \"mobile\": files keep their owner"); });
-        return;
-    }
-    int ignored = chown(path.c_str(), pw->pw_uid, pw->pw_gid);
+    std::optional<jx::Owner> owner = jx::mobileOwner();
+    if (!owner) return;
+    // Relative to a directory reached through no link, and never following the name
+    // itself: a link planted there must not hand its target to the account.
+    std::optional<jx::TreeEntry> at = jx::openParentOf(path);
+    if (!at) return;
+    int ignored = ::fchownat(at->dir.get(), at->name.c_str(), owner->uid, owner->gid, AT_SYMLINK_NOFOLLOW);
     (void)ignored;
 }
 

@@ -74,6 +74,8 @@ public:
     // status, 128 + the signal that ended it, or -1 when no shell could be started.
     // Defined with the other shell helpers in platform/Task.cpp.
     static int openTask(const std::string& command);
+    // The same with the task's standard output on an open descriptor of the caller's.
+    static int openTask(const std::string& command, int standardOutput);
 
     // The account name of a user id (its number when it has none).
     static std::string lookUpUserName(uid_t uid);

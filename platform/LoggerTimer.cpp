@@ -147,9 +147,38 @@ void LoggerTimer::cancel() {
     period_ = 0;
 }
 
+LoggerTimer::SamplePeriodReading LoggerTimer::readSamplePeriod(const Value& value, double defaultSeconds) {
+    if (value.isNil()) return {defaultSeconds, std::nullopt};
+    double n = value.doubleValue();
+    if (const std::string* text = value.asString()) {
+        char* end = nullptr;
+        n = std::strtod(text->c_str(), &end);
+        if (end == text->c_str() || *end != '\0')
+            return {defaultSeconds, "'" + *text + "' is no number: sampling keeps its default period"};
+    } else if (!value.isNumber()) {
+        return {defaultSeconds, "it is no number: sampling keeps its default period"};
+    }
+    // Faster than once a second a logger would keep both cores busy and fill the log.
+    if (!std::isfinite(n)) return {1.0, "it is no finite number: sampling once a second"};
+    if (n < 0) return {defaultSeconds, "it is negative: sampling keeps its default period"};
+    if (n > 0 && n < 1) return {1.0, "it is below one second: sampling once a second"};
+    return {n, std::nullopt};
+}
+
 double LoggerTimer::samplePeriodForLogger(const std::string& loggerName, double defaultSeconds) {
-    std::optional<double> seconds = JXLogger::numberSettingForKey("SamplePeriod", loggerName);
-    return seconds && *seconds >= 0 ? *seconds : defaultSeconds;
+    const Value value = JXLogger::settingForKey("SamplePeriod", loggerName);
+    SamplePeriodReading reading = readSamplePeriod(value, defaultSeconds);
+    if (reading.problem) {
+        static std::mutex mutex;
+        static std::map<std::string, std::string> said;
+        std::lock_guard lock(mutex);
+        std::string text = value.description();
+        if (auto it = said.find(loggerName); it == said.end() || it->second != text) {
+            said[loggerName] = text;
+            systemLogf(kLogNotice, "%s: SamplePeriod %s: %s", loggerName.c_str(), text.c_str(), reading.problem->c_str());
+        }
+    }
+    return reading.seconds;
 }
 
 }  // namespace jx
@@ -165,6 +194,7 @@ void JXSamplingLogger::keepSampling() {
             // looked at (one stat) unless it changed.
             sampling->keepSampling();
             sampling->logChanges();
+            sampling->noteSampled();
         }
     });
 }

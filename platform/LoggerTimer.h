@@ -6,10 +6,12 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/JXLogger.h"
 #include "platform/SerialQueue.h"
+#include "platform/Value.h"
 
 namespace jx {
 
@@ -31,8 +33,16 @@ public:
     bool armed() const { return timer_ != nullptr; }
 
     // The period a logger samples at: its per-logger setting "SamplePeriod" in
-    // seconds when that is a number of zero or more, else the default.
+    // seconds (0: only when the daemon asks). Below one second, or not finite, it is
+    // one second; negative or no number, the default. A setting read otherwise than
+    // written is said once per logger and value.
     static double samplePeriodForLogger(const std::string& loggerName, double defaultSeconds);
+    // How a "SamplePeriod" value is read, and why, when that differs from what it says.
+    struct SamplePeriodReading {
+        double seconds;
+        std::optional<std::string> problem;
+    };
+    static SamplePeriodReading readSamplePeriod(const Value& value, double defaultSeconds);
 
     struct Timer;
 

@@ -14,6 +14,7 @@
 #include "platform/JXUtilities.h"
 #include "platform/PropertyList.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 #include "platform/TextEncoding.h"
 
@@ -91,15 +92,18 @@ bool TLMServerConnection::submitMetric(const TLMMetricContainer& container) cons
     line += "}\n";
 
     const std::string path = spoolPath();
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-    const bool existed = ::access(path.c_str(), F_OK) == 0;
-    jx::FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+    // Under the logs directory, which "mobile" may write: made and opened through no link.
+    std::optional<jx::TreeEntry> at = jx::openParentOf(path, true);
+    std::string why = at ? "" : std::strerror(errno);
+    struct stat st {};
+    const bool existed = at && ::fstatat(at->dir.get(), at->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    jx::FileDescriptor fd =
+        at ? jx::openRegularFileAt(at->dir.get(), at->name, O_WRONLY | O_APPEND | O_CREAT, 0644, &why) : jx::FileDescriptor();
     if (!fd.valid()) {
-        jx::systemLogf(jx::kLogError, "cannot open the metrics spool %s: %s", path.c_str(), std::strerror(errno));
+        jx::systemLogf(jx::kLogError, "cannot open the metrics spool %s: %s", path.c_str(), why.c_str());
         return false;
     }
-    if (!existed && ::geteuid() == 0) JXUtilities::chownToMobile(path);
+    if (!existed) jx::handToMobile(fd.get());
     // One write per record: records of concurrent writers never interleave.
     ssize_t n;
     do n = ::write(fd.get(), line.data(), line.size());

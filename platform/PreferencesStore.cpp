@@ -1,5 +1,6 @@
 #include "platform/PreferencesStore.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include "platform/JXUtilities.h"
 #include "platform/PropertyList.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 
 namespace jx {
@@ -34,8 +36,9 @@ std::string preferencesPath(const std::string& domain, const std::string& user) 
 
 FilePreferencesStore::Cached& FilePreferencesStore::refreshLocked(const std::string& path) {
     Cached& c = files_[path];
+    // The file itself: "mobile" owns the directory, and a link there could name any file.
     struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
+    if (::lstat(path.c_str(), &st) != 0) {
         c.loaded = true;
         c.size = -1;
         c.values.clear();
@@ -53,7 +56,8 @@ FilePreferencesStore::Cached& FilePreferencesStore::refreshLocked(const std::str
     c.values.clear();
     c.unreadable.clear();
     std::string error;
-    if (auto v = readPropertyListFile(path, &error)) {
+    if (S_ISLNK(st.st_mode)) error = "it is a symbolic link: settings are never read or written through one";
+    else if (auto v = readPropertyListFile(path, &error)) {
         if (const Dictionary* d = v->asDictionary()) c.values = *d;
         else error = "it holds no dictionary";
     }
@@ -115,8 +119,8 @@ bool FilePreferencesStore::writeOutLocked(const std::string& path, Cached& c) {
         if (v) merged[k] = *v;
         else merged.erase(k);
     }
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    // The preferences directory may be "mobile"'s: made through no link.
+    openParentOf(path, true);
     bool ok = writePropertyListFileAtomically(path, Value(merged));
     if (ok) c.pending.clear();
     c.loaded = false;

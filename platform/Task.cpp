@@ -60,7 +60,9 @@ struct SpawnSetup {
 }  // namespace
 }  // namespace jx
 
-int JXUtilities::openTask(const std::string& command) {
+int JXUtilities::openTask(const std::string& command) { return openTask(command, -1); }
+
+int JXUtilities::openTask(const std::string& command, int standardOutput) {
     jx::SpawnSetup setup;
     if (posix_spawnattr_init(&setup.attr) != 0) return -1;
     setup.haveAttr = true;
@@ -77,6 +79,7 @@ int JXUtilities::openTask(const std::string& command) {
     posix_spawnattr_setflags(&setup.attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     // Nothing the task runs may wait on the daemon's standard input.
     posix_spawn_file_actions_addopen(&setup.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (standardOutput >= 0) posix_spawn_file_actions_adddup2(&setup.actions, standardOutput, STDOUT_FILENO);
 
     std::string arg0 = "sh", arg1 = "-c", arg2 = command;
     char* argv[] = {arg0.data(), arg1.data(), arg2.data(), nullptr};

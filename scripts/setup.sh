@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libicu-dev zlib1g-dev libsystemd-dev libplist-dev
           libgtest-dev libgmock-dev libbenchmark-dev
+          nlohmann-json3-dev systemd procps umockdev
           dbus-daemon dbus-bin faketime
           clang libclang-rt-14-dev)
 

@@ -25,6 +25,26 @@ grep 'setting up bundle logger JXThermalLogger' "$sdk/messages" >/dev/null
 if grep 'Could not find JXThermalLogger' "$sdk/messages"; then exit 1; fi
 grep ' \[Config\] ' "$sdk/var/mobile/Library/Logs/CurrentJoulix.joulix" >/dev/null
 
+echo "== the installed service: the unit from the install prefix, its hardening, readiness and status"
+stage=$(mktemp -d)
+trap 'rm -rf "$sdk" "$stage"' EXIT
+DESTDIR="$stage" cmake --install build --prefix /usr --strip >/dev/null
+unit="$stage/usr/lib/systemd/system/joulix.service"
+grep -x 'ExecStart=/usr/bin/joulix' "$unit" >/dev/null
+test -f "$stage/usr/lib/sysusers.d/joulix.conf" && test -f "$stage/usr/lib/tmpfiles.d/joulix.conf"
+# verify looks for the daemon where the unit says; it is still in the staging root.
+mkdir -p "$stage/check" "$stage/etc"
+sed "s|^ExecStart=/usr/bin/joulix|ExecStart=$stage/usr/bin/joulix|" "$unit" >"$stage/check/joulix.service"
+systemd-analyze verify --man=no "$stage/check/joulix.service"
+systemd-analyze security --offline=true --threshold=35 "$unit" | tail -1
+# The account, the group and the directories, made in the staging root.
+systemd-sysusers --root="$stage" "$stage/usr/lib/sysusers.d/joulix.conf" 2>/dev/null
+grep '^mobile:' "$stage/etc/passwd" >/dev/null && grep '^joulix:' "$stage/etc/group" >/dev/null
+systemd-tmpfiles --root="$stage" --create "$stage/usr/lib/tmpfiles.d/joulix.conf"
+test "$(stat -c %U "$stage/var/mobile/Library/Logs/JXArchive")" != root
+# The installed daemon and joulixctl under a private bus with the shipped policy.
+JOULIX_BIN_DIR="$sdk/usr/bin" LD_LIBRARY_PATH="$sdk/usr/lib" build/tests/integration_tests --gtest_filter='ServiceTest.*'
+
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/build.sh build-asan -DJOULIX_SANITIZE="address;undefined" -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \

@@ -4,6 +4,7 @@
 // not the device), and writes its entries through the shared writer.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,9 +12,11 @@
 #include <vector>
 
 #include "platform/FileDescriptor.h"
+#include "platform/JXEntry.h"
 #include "platform/JXLogger.h"
 #include "platform/KernelFiles.h"
 #include "platform/LoggerTimer.h"
+#include "platform/RunLoop.h"
 #include "plugins/builtin/Nl80211.h"
 
 // "[Config]": device model, kernel, OS build, CPU and memory. Written whenever
@@ -37,6 +40,38 @@ public:
 
 protected:
     void logSample() override;
+};
+
+// "[Clock]": the UTC time, the offset and the zone the log's local times are in, at
+// the head of every log and whenever they change: daylight saving (a timer armed at
+// the next change of the offset), a new zone (/etc/localtime or /etc/timezone
+// replaced) or a wall clock set (the timer is cancelled then). With it a reader turns
+// every entry's local time into an absolute one, across a daylight-saving night.
+class JXClockLogger : public JXLogger {
+public:
+    explicit JXClockLogger(std::string etcRoot = "/etc");
+    ~JXClockLogger() override;
+    // The entry itself, for the controller to put right after a new log's header.
+    static JXEntry clockEntry(const char* reason, const std::string& etcRoot = "/etc");
+
+protected:
+    void logSample() override;
+
+private:
+    void write(const char* reason);
+    // Arms the timer at the next change of the UTC offset (or far ahead), cancelled
+    // by a set clock.
+    void armTimer();
+    void watch();
+    void onTimer();
+    void onEtc();
+    std::string etc_;
+    jx::FileDescriptor timer_, inotify_;
+    std::shared_ptr<jx::RunLoop> loop_;
+    jx::RunLoop::SourceId timerSource_ = 0, etcSource_ = 0;
+    bool watching_ = false;
+    long lastOffset_ = 0;
+    std::string lastZone_;
 };
 
 // "[Settings]": the daemon's settings in force, each key of its domain with the
@@ -63,6 +98,7 @@ private:
     struct Seen {
         unsigned long long start = 0;             // start time: a reused pid is another process
         unsigned long long user = 0, system = 0;  // clock ticks used so far
+        std::optional<unsigned long long> switches;  // context switches so far (a wake-up proxy)
     };
     std::string proc_;
     std::map<int, Seen> seen_;
@@ -82,8 +118,92 @@ private:
     jx::SaidOnce nothing_;
 };
 
+// "[Powercap]": the energy each RAPL zone and subzone of the powercap class
+// (package, core, uncore, dram, psys) counted over the interval, and its mean power.
+// The counters wrap at max_energy_range_uj.
+class JXPowercapLogger : public JXSamplingLogger {
+public:
+    explicit JXPowercapLogger(std::string sysRoot = "/sys");
+protected:
+    void write(bool everything) override;
+
+private:
+    struct Reading {
+        long long energyUj = 0;
+        double seconds = 0;  // the platform clock when read
+    };
+    std::string sys_;
+    std::map<std::string, Reading> last_;
+    jx::SaidOnce nothing_;
+    // Said at growing intervals: a counter that goes back without wrapping.
+    unsigned long implausible_ = 0;
+};
+
+// "[WakeupSource]": the wake-up sources that held the system awake or woke it during
+// the interval (scope=interval), by active time, the first TopCount (default 5); at
+// the head of every log the same since boot (scope=boot).
+class JXWakeupSourceLogger : public JXSamplingLogger {
+public:
+    explicit JXWakeupSourceLogger(std::string sysRoot = "/sys");
+protected:
+    void write(bool everything) override;
+
+private:
+    struct Counts {
+        long long activeMs = 0, wakeups = 0, events = 0;
+    };
+    std::string sys_;
+    std::map<std::string, Counts> last_;
+    jx::SaidOnce nothing_;
+};
+
+// "[CpuIdle]": the share of the interval each cpuidle state held, summed over the
+// CPUs, and the share left active; "[CpuFrequency]": the time-weighted mean frequency.
+class JXCpuResidencyLogger : public JXSamplingLogger {
+public:
+    explicit JXCpuResidencyLogger(std::string sysRoot = "/sys");
+protected:
+    void write(bool everything) override;
+
+private:
+    std::string sys_;
+    std::map<std::string, long long> lastIdleUs_;       // "cpuN/stateK" → µs
+    std::map<std::string, long long> lastTimeInState_;  // "cpuN/kHz" → 10 ms units
+    double lastSeconds_ = 0;
+    jx::SaidOnce nothing_;
+};
+
+// "[RuntimePM]": the devices (PCI, USB, platform) that stayed powered during the
+// interval, by the runtime-PM active time they held, the first TopCount (default 5).
+class JXRuntimePMLogger : public JXSamplingLogger {
+public:
+    explicit JXRuntimePMLogger(std::string sysRoot = "/sys");
+protected:
+    void write(bool everything) override;
+
+private:
+    std::string sys_;
+    std::map<std::string, long long> last_;  // "bus/device" → active ms
+    jx::SaidOnce nothing_;
+};
+
+// "[SelfCost]": the daemon's own CPU time, context switches (its wake-ups) and memory
+// since the last such entry, every hour (SamplePeriod) and at the head of every log.
+class JXSelfCostLogger : public JXSamplingLogger {
+public:
+    JXSelfCostLogger();
+protected:
+    void write(bool everything) override;
+
+private:
+    double lastSeconds_ = 0;
+    long long lastCpuUs_ = 0, lastSwitches_ = 0;
+};
+
 // "[Battery]" for every battery and "[Charger]" for every charger of the power
 // supply class.
+// Every sample also writes "[BatteryPower]": the power each battery gives (negative)
+// or takes, from whatever its driver offers, and every new log "[BatteryHealth]".
 class JXBatteryLogger : public JXSamplingLogger {
 public:
     explicit JXBatteryLogger(std::string sysRoot = "/sys");
@@ -91,9 +211,19 @@ protected:
     void write(bool everything) override;
 
 private:
+    // What one battery's power is read from, and its last energy for the change method.
+    struct EnergyReading {
+        double energyMwh = 0;
+        double seconds = 0;  // the platform clock when read
+    };
+    // The power entry, and the health entry at a new log; read gives an attribute of the battery.
+    void writePower(const std::string& name, const std::string& status, bool everything,
+                    const std::function<std::optional<long long>(const char*)>& read);
     std::string sys_;
     std::string lastState_;
+    std::map<std::string, EnergyReading> lastEnergy_;
     jx::SaidOnce nothing_;
+    unsigned long implausible_ = 0;
 };
 
 // "[Display] active=YES|NO; brightness=…;" from the backlights and the DRM

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <sstream>
 
 #include "platform/JXEntry.h"
@@ -13,13 +14,40 @@
 namespace {
 
 constexpr double kDefaultPeriodSeconds = 300;
-constexpr long kDefaultTopCount = 5;
+constexpr std::size_t kDefaultTopCount = 5;
 
 struct Usage {
     int pid = 0;
     std::string name;
     unsigned long long user = 0, system = 0, start = 0;
 };
+
+// Voluntary and involuntary context switches from /proc/<pid>/status: each voluntary
+// one ends a wait, so their count tells how often the process woke.
+std::optional<unsigned long long> contextSwitches(const std::string& status) {
+    unsigned long long total = 0;
+    bool any = false;
+    std::istringstream lines(status);
+    for (std::string line; std::getline(lines, line);)
+        if (line.rfind("voluntary_ctxt_switches:", 0) == 0 || line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
+            total += std::strtoull(line.c_str() + line.find(':') + 1, nullptr, 10);
+            any = true;
+        }
+    return any ? std::optional<unsigned long long>(total) : std::nullopt;
+}
+
+// The systemd unit a process runs in, from the last component of its cgroup path.
+std::optional<std::string> unitOf(const std::string& cgroup) {
+    std::istringstream lines(cgroup);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string path = line.substr(line.rfind(':') + 1);
+        const std::string last = path.substr(path.rfind('/') + 1);
+        for (const char* suffix : {".service", ".scope"})
+            if (last.size() > std::strlen(suffix) && last.compare(last.size() - std::strlen(suffix), std::string::npos, suffix) == 0)
+                return last;
+    }
+    return std::nullopt;
+}
 
 // One /proc/<pid>/stat line: "pid (comm) state ppid …"; the name may hold blanks
 // and parentheses, so the fields are counted from the last ')'.
@@ -50,6 +78,7 @@ void JXProcessMonitorLogger::write(bool) {
     struct Consumer {
         Usage usage;
         unsigned long long user, system;  // ticks since the last sample
+        std::optional<unsigned long long> switches;  // context switches since the last sample
     };
     std::vector<Consumer> consumers;
     std::map<int, Seen> seen;
@@ -72,8 +101,16 @@ void JXProcessMonitorLogger::write(bool) {
             user = user >= before->second.user ? user - before->second.user : 0;
             system = system >= before->second.system ? system - before->second.system : 0;
         }
-        seen[pid] = Seen{usage->start, usage->user, usage->system};
-        if (user + system > 0) consumers.push_back(Consumer{*usage, user, system});
+        std::optional<unsigned long long> switches;
+        if (std::optional<std::string> status = jx::readKernelFile(proc_ + "/" + name + "/status"))
+            switches = contextSwitches(*status);
+        std::optional<unsigned long long> switched;
+        if (switches)
+            switched = before != seen_.end() && before->second.start == usage->start && before->second.switches
+                           ? *switches - std::min(*switches, *before->second.switches)
+                           : *switches;
+        seen[pid] = Seen{usage->start, usage->user, usage->system, switches};
+        if (user + system > 0) consumers.push_back(Consumer{*usage, user, system, switched});
     }
     seen_ = std::move(seen);
     if (!anyProcess) {
@@ -85,10 +122,7 @@ void JXProcessMonitorLogger::write(bool) {
         const auto ta = a.user + a.system, tb = b.user + b.system;
         return ta != tb ? ta > tb : a.usage.pid < b.usage.pid;
     });
-    long top = kDefaultTopCount;
-    jx::Value setting = settingForKey("TopCount", name());
-    if (!setting.isNil() && setting.integerValue() > 0) top = static_cast<long>(setting.integerValue());
-    if (consumers.size() > static_cast<std::size_t>(top)) consumers.resize(static_cast<std::size_t>(top));
+    consumers.resize(std::min(consumers.size(), topCount(kDefaultTopCount)));
 
     const long ticksPerSecond = std::max(1L, ::sysconf(_SC_CLK_TCK));
     auto ms = [&](unsigned long long ticks) { return static_cast<long long>(ticks * 1000ULL / ticksPerSecond); };
@@ -99,6 +133,16 @@ void JXProcessMonitorLogger::write(bool) {
         entry.setObject(JXValue::valueWithLong(ms(c.user + c.system)), "cpu_ms");
         entry.setObject(JXValue::valueWithLong(ms(c.user)), "user_ms");
         entry.setObject(JXValue::valueWithLong(ms(c.system)), "system_ms");
+        if (c.switches) entry.setObject(JXValue::valueWithLong(static_cast<long long>(*c.switches)), "ctx_switches");
+        // The kernel's name is cut at 15 characters: the unit and the command line say more.
+        const std::string dir = proc_ + "/" + std::to_string(c.usage.pid);
+        if (std::optional<std::string> cgroup = jx::readKernelFile(dir + "/cgroup"))
+            if (std::optional<std::string> unit = unitOf(*cgroup)) entry.setObject(JXValue::valueWithString(jx::fieldText(*unit)), "unit");
+        if (std::optional<std::string> cmdline = jx::readKernelFile(dir + "/cmdline"); cmdline && !cmdline->empty()) {
+            std::string command = cmdline->substr(0, 200);
+            std::replace(command.begin(), command.end(), '\0', ' ');
+            if (std::string text = jx::fieldText(command); !text.empty()) entry.setObject(JXValue::valueWithString(text), "command");
+        }
         JXLogWriter::sharedWriter().logEntry(entry);
     }
 }

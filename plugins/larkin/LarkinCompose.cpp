@@ -15,6 +15,7 @@
 #include "platform/FileDescriptor.h"
 #include "platform/LarkinCompose.h"
 #include "platform/Root.h"
+#include "platform/SafeFiles.h"
 #include "platform/SystemLog.h"
 #include "platform/TextEncoding.h"
 #include "platform/Value.h"
@@ -111,21 +112,21 @@ int notifyWithLarkin(LarkinNotifier*, const LarkinTicketObject* ticket) {
     try {
         static std::atomic<unsigned> sequence{0};
         const std::string dir = jx::rootPath("/var/mobile/Library/Logs/Larkin/");
-        std::error_code ec;
-        std::filesystem::create_directories(dir, ec);
+        // Under the logs directory, which "mobile" may write: reached through no link.
+        jx::FileDescriptor at = jx::openTreeDirectory(dir, true);
         const long long ms = static_cast<long long>(jx::Date::now().secondsSince1970 * 1000.0);
         const std::string name =
             jx::formatString("LarkinTicket-%lld-%d-%u.json", ms, static_cast<int>(::getpid()), sequence++);
-        const std::string hidden = dir + "." + name;
-        jx::FileDescriptor fd(::open(hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        const std::string hidden = "." + name;
+        jx::FileDescriptor fd(at.valid() ? ::openat(at.get(), hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644) : -1);
         if (!fd.valid() || !writeAll(fd.get(), json(*ticket)) || ::fsync(fd.get()) != 0) {
-            jx::systemLogf(jx::kLogError, "LarkinCompose: cannot write %s: %s", hidden.c_str(), std::strerror(errno));
-            ::unlink(hidden.c_str());
+            jx::systemLogf(jx::kLogError, "LarkinCompose: cannot write %s%s: %s", dir.c_str(), hidden.c_str(), std::strerror(errno));
+            if (at.valid()) ::unlinkat(at.get(), hidden.c_str(), 0);
             return 0;
         }
         fd.reset();
-        if (::rename(hidden.c_str(), (dir + name).c_str()) != 0) {
-            ::unlink(hidden.c_str());
+        if (::renameat(at.get(), hidden.c_str(), at.get(), name.c_str()) != 0) {
+            ::unlinkat(at.get(), hidden.c_str(), 0);
             return 0;
         }
         return 1;

@@ -103,11 +103,14 @@ private:
 class HiddenBuiltinLoggers {
 public:
     HiddenBuiltinLoggers() {
-        for (const char* name : kJXStaticLoggerList)
-            if (JXLoggerClass* c = JXClassRegistry::lookUpClass(name)) {
-                JXClassRegistry::removeClass(c);
-                hidden_.push_back(c);
-            }
+        for (const auto* list : {&kJXStaticLoggerList[0], &kJXMeasuringLoggerList[0]}) {
+            const std::size_t count = list == kJXStaticLoggerList ? std::size(kJXStaticLoggerList) : std::size(kJXMeasuringLoggerList);
+            for (std::size_t i = 0; i < count; ++i)
+                if (JXLoggerClass* c = JXClassRegistry::lookUpClass(list[i])) {
+                    JXClassRegistry::removeClass(c);
+                    hidden_.push_back(c);
+                }
+        }
     }
     ~HiddenBuiltinLoggers() {
         for (JXLoggerClass* c : hidden_) JXClassRegistry::registerClass(c);

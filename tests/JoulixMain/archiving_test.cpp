@@ -160,7 +160,12 @@ TEST_F(ArchivingTest, CrashReportPropertyListOnlyInDefaultModeWithLinking) {
     EXPECT_FALSE(fs::exists(plist));
 
     JXDefaultsSetValueForKey(JXLoggingMode, jx::Value(0));
+    // A link planted at the list's name is replaced, never written through.
+    jxtest::Victim victim;
+    jxtest::plantLink(victim.path(), plist);
     controller->generatePListForLog(root(kLog), rolled);
+    EXPECT_EQ(victim.changed(), "");
+    EXPECT_EQ(log.countContaining("a symbolic link stood at the name: replaced"), 1u);
     auto written = jx::readPropertyListFile(plist);
     ASSERT_TRUE(written);
     EXPECT_EQ(*written, jx::Value(jx::Dictionary{{kFKProblemReportAppNameKey, jx::Value("Joulix Lite")},

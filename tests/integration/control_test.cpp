@@ -54,7 +54,7 @@ TEST_F(ControlTest, StatusAndSignalEachMakeEveryLoggerLogOnceMore) {
     auto second = text.substr(text.find('\n') + 1);
     EXPECT_NE(second.substr(0, second.find('\n')).find("[Log] state=booting;"), std::string::npos) << text;
 
-    ASSERT_EQ(ctl({"status"}), 0);
+    ASSERT_EQ(ctl({"trigger"}), 0);
     ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
     ASSERT_TRUE(logShows("[TestBundle] sample=2;"));
     daemon->signal(SIGUSR1);
@@ -74,7 +74,7 @@ TEST_F(ControlTest, ExitStopsTheDaemonWithoutWaitingForABusyLogger) {
     ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
     // From now on each sample of the test logger takes a minute.
     ASSERT_EQ(ctl({"defaults", "write", "JXTestBundleLogger", "-dict", "SampleDelay", "60"}), 0);
-    ASSERT_EQ(ctl({"status"}), 0);
+    ASSERT_EQ(ctl({"trigger"}), 0);
     ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
     ASSERT_EQ(ctl({"exit"}), 0);
     EXPECT_EQ(daemon->wait(10), 0) << daemon->err();
@@ -135,7 +135,7 @@ TEST_F(ControlTest, AFloodOfSignalsLeavesTheDaemonAnswering) {
     auto daemon = startDaemon();
     for (int i = 0; i < 10000; ++i) daemon->signal(SIGUSR1);
     ASSERT_TRUE(logShows("[Log] state=signal(10);"));
-    ASSERT_EQ(ctl({"status"}), 0);
+    ASSERT_EQ(ctl({"trigger"}), 0);
     ASSERT_TRUE(logShows("[Log] state=statusRequested;", 1)) << tail(daemon->err());
     ASSERT_EQ(ctl({"exit"}), 0);
     EXPECT_EQ(daemon->wait(60), 0) << tail(daemon->err());

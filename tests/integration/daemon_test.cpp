@@ -40,16 +40,6 @@ TEST_F(DaemonTest, DynamicDiscoveryLoadsTheExamplePlugIn) {
     EXPECT_NE(log.find("[LoadAverage] load1="), std::string::npos) << log;
 }
 
-TEST_F(DaemonTest, BadOptionsGiveUsageAndStatusTwo) {
-    for (std::vector<std::string> args : {std::vector<std::string>{"--bogus"}, {"--once", "--stdout"}, {"extra"}, {"--root"}}) {
-        std::vector<std::string> argv{binary("joulix")};
-        argv.insert(argv.end(), args.begin(), args.end());
-        Process p(argv, out("bad"), env);
-        EXPECT_EQ(p.wait(), 2) << args[0];
-        EXPECT_NE(p.err().find("usage: joulix"), std::string::npos) << args[0];
-    }
-}
-
 TEST_F(DaemonTest, TerminationSignalsAreExitRequests) {
     ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
     for (int signo : {SIGTERM, SIGINT}) {

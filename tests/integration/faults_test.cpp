@@ -2,6 +2,15 @@
 // and never loops, hangs or loses the log where it need not.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+#include <sstream>
+#include <thread>
 
 #include <chrono>
 #include <fstream>
@@ -129,6 +138,85 @@ TEST_F(FaultsTest, AOneShotRunOnALockedDeviceEnds) {
     ASSERT_TRUE(status) << "still waiting: " << jxtest::tail(p->err());
     EXPECT_EQ(*status, 0);
     EXPECT_NE(p->err().find("the log is locked until the first unlock after boot: nothing was logged"), std::string::npos);
+}
+
+// A full log file system: the writer says so once, and when space comes back it ends
+// the line it was cutting, marks how many entries were lost, and goes on. A real
+// small file system under the log, filled and emptied under the running daemon.
+TEST_F(FaultsTest, AFullDiskIsSaidAndNoEntryIsGluedToAnother) {
+    fs::create_directories(root(kLogs));
+    if (::mount("joulix-full", root(kLogs).c_str(), "tmpfs", 0, "size=256k") != 0)
+        GTEST_SKIP() << "cannot mount a small file system: " << std::strerror(errno);
+    struct Unmount {
+        std::string at;
+        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
+    } unmount{root(kLogs)};
+    auto p = joulix();
+    ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("[Joulix]") != std::string::npos; })) << p->err();
+    ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("[Config]") != std::string::npos; })) << p->err();
+    {
+        // Everything left, in small pieces, so that the last page is full too.
+        std::ofstream filler(root(kLogs + "/filler"), std::ios::binary);
+        const std::string piece(512, 'f');
+        while (filler.write(piece.data(), piece.size()) && filler.flush()) {}
+    }
+    // Entries while full: samples from every logger until the writer fails (the log's
+    // own last page may still take a few), then another, which it keeps with the rest.
+    const auto failed = [&] { return p->err().find("log writer: cannot write the log: No space left on device") != std::string::npos; };
+    for (int i = 0; i < 100 && !failed(); ++i) {
+        const auto before = fs::file_size(root(kLog));
+        p->signal(SIGUSR1);
+        ASSERT_TRUE(waitFor([&] { return failed() || fs::file_size(root(kLog)) != before; })) << jxtest::tail(p->err());
+    }
+    ASSERT_TRUE(failed()) << jxtest::tail(p->err());
+    p->signal(SIGUSR1);
+    fs::remove(root(kLogs + "/filler"));
+    p->signal(SIGUSR1);
+    ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("droppedEntries=") != std::string::npos; })) << jxtest::tail(p->err());
+    p->signal(SIGTERM);
+    ASSERT_EQ(p->wait(10), 0);
+    EXPECT_EQ(jxtest::occurrences(p->err(), "log writer: cannot write the log"), 1u);
+    // Every line holds at most one entry: none glued onto the one that was cut.
+    const std::regex time(R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3} \[)");
+    std::istringstream lines(root.readFile(kLog));
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count)
+        EXPECT_LE(std::distance(std::sregex_iterator(line.begin(), line.end(), time), std::sregex_iterator()), 1)
+            << "two entries on one line: " << line;
+    EXPECT_GT(count, 10u);
+}
+
+// A kill during the compression of a rolled log leaves an unfinished archive and the
+// link it was read from: the next start removes the one and compresses the log again.
+TEST_F(FaultsTest, AKillDuringCompressionIsRepairedAtTheNextStart) {
+    if (::access("/bin/gzip", X_OK) != 0) GTEST_SKIP() << "no gzip";
+    const std::string name = "JX_2026-11-20-100000_KILLED.joulix";
+    // Text that compresses slowly: pseudo-random fields in every line.
+    std::string text =
+        "11/20/2026 10:00:00.000 [Joulix] Version=6.01; Build=an older build; Timestamp=2026-11-20-100000; "
+        "File_GUID=KILLED; rotateJoulixKey=Default; loggingMode=Lite; binary=joulix; pid=1;\n";
+    std::uint64_t x = 88172645463325252ull;
+    while (text.size() < (32u << 20)) {
+        x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+        text += "11/20/2026 10:00:01.000 [Process] name=p" + std::to_string(x) + "; cpu_ms=" + std::to_string(x % 100000) + ";\n";
+    }
+    root.writeFile(kLog, text);
+    root.writeFile("/expected", text);
+    auto p = joulix();
+    ASSERT_TRUE(waitFor([&] { return fs::exists(root(kArchive + "/" + name + ".gz.partial")); }, 60)) << jxtest::tail(p->err());
+    p->signal(SIGKILL);
+    p->wait();
+    ASSERT_FALSE(fs::exists(root(kArchive + "/" + name + ".gz"))) << "compression ended before the kill";
+
+    auto again = joulix({"--once"});
+    ASSERT_EQ(again->wait(120), 0) << jxtest::tail(again->err());
+    EXPECT_NE(again->err().find(name + ".gz.partial: an archive left unfinished: removed"), std::string::npos);
+    EXPECT_NE(again->err().find(name + ".gz: missing: compressing the log again"), std::string::npos);
+    EXPECT_FALSE(fs::exists(root(kArchive + "/" + name + ".gz.partial")));
+    EXPECT_FALSE(fs::exists(root(kArchive + "/" + name + ".archive")));
+    const std::string gz = root(kArchive + "/" + name + ".gz");
+    EXPECT_EQ(std::system(("gzip -t '" + gz + "'").c_str()), 0);
+    EXPECT_EQ(std::system(("gzip -dc '" + gz + "' | cmp -s - '" + root(kFaultkeeper + "/" + name) + "'").c_str()), 0);
 }
 
 }  // namespace

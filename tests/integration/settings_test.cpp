@@ -2,7 +2,11 @@
 // values are warned about, and the administrator's file counts for every setting.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <cstdint>
 #include <filesystem>
+#include <vector>
 
 #include "platform/PropertyList.h"
 #include "tests/integration/Process.h"
@@ -14,6 +18,50 @@ namespace fs = std::filesystem;
 
 const std::string kPrefs = "/var/mobile/Library/Preferences/com.brindle.joulix.plist";
 const std::string kManaged = "/Library/Managed Preferences/mobile/com.brindle.joulix.plist";
+
+// A dictionary holding one key whose value is the given number of arrays, each
+// holding the next: as XML text, and as a binary list built object by object.
+std::string nestedXML(int depth) {
+    std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>JXRunLoopDebug</key>";
+    for (int i = 0; i < depth; ++i) text += "<array>";
+    for (int i = 0; i < depth; ++i) text += "</array>";
+    return text + "</dict></plist>\n";
+}
+
+std::string nestedBinary(std::uint32_t depth) {
+    // Objects: 0 the dictionary, 1 its key, 2.. the arrays, each referring to the next.
+    auto be = [](std::string& out, std::uint64_t v, int width) {
+        for (int i = width - 1; i >= 0; --i) out += static_cast<char>((v >> (8 * i)) & 0xFF);
+    };
+    const std::uint32_t count = depth + 2;
+    std::string out = "bplist00";
+    std::vector<std::uint64_t> offsets;
+    offsets.push_back(out.size());
+    out += '\xD1';  // a dictionary of one pair: key ref, value ref
+    be(out, 1, 4);
+    be(out, 2, 4);
+    offsets.push_back(out.size());
+    out += '\x5E';  // an ASCII string of 14 bytes
+    out += "JXRunLoopDebug";
+    for (std::uint32_t i = 0; i < depth; ++i) {
+        offsets.push_back(out.size());
+        if (i + 1 < depth) {
+            out += '\xA1';
+            be(out, 3 + i, 4);
+        } else {
+            out += '\xA0';
+        }
+    }
+    const std::uint64_t table = out.size();
+    for (std::uint64_t o : offsets) be(out, o, 4);
+    out += std::string(6, '\0');
+    out += '\x04';  // offset size
+    out += '\x04';  // reference size
+    be(out, count, 8);
+    be(out, 0, 8);
+    be(out, table, 8);
+    return out;
+}
 
 class SettingsTest : public jxtest::BinariesTest {
 protected:
@@ -39,13 +87,19 @@ TEST_F(SettingsTest, AnUnreadableFileIsSaidAndNeverWrittenOver) {
         {"binary garbage", [&] { root.writeFile(kPrefs, std::string("\0\xff\x13garbage\0", 11)); },
          "not an XML or binary property list"},
         {"a directory", [&] { fs::create_directory(root(kPrefs)); }, "it is a directory"},
-        {"50 MB of text", [&] { root.writeFile(kPrefs, std::string(50 << 20, 'x')); }, "not an XML or binary property list"},
+        {"50 MB of text", [&] { root.writeFile(kPrefs, std::string(50 << 20, 'x')); }, "larger than 4 MB"},
+        // A stack overflow in every reader before: parsing, converting and freeing recurse.
+        {"50,000 nested arrays", [&] { root.writeFile(kPrefs, nestedXML(50000)); }, "collections nested deeper than 64"},
+        {"50,000 nested arrays, binary", [&] { root.writeFile(kPrefs, nestedBinary(50000)); },
+         "collections nested deeper than 64"},
+        {"a FIFO", [&] { ::mkfifo(root(kPrefs).c_str(), 0644); }, "it is not a regular file"},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(c.what);
         fs::remove_all(root(kPrefs));
         c.make();
         const bool isFile = fs::is_regular_file(root(kPrefs));
+        const fs::file_type type = fs::symlink_status(root(kPrefs)).type();
         const std::string before = isFile ? root.readFile(kPrefs) : "";
 
         std::string err;
@@ -56,8 +110,9 @@ TEST_F(SettingsTest, AnUnreadableFileIsSaidAndNeverWrittenOver) {
         EXPECT_NE(err.find("nothing was written"), std::string::npos) << err;
         EXPECT_NE(err.find("mv '" + root(kPrefs) + "' '" + root(kPrefs) + ".corrupt'"), std::string::npos) << err;
         EXPECT_EQ(ctl({"defaults", "delete", "JXRunLoopDebug"}), 1);
+        EXPECT_EQ(ctl({"defaults", "read"}), 0);  // said, and shown without it
         if (isFile) EXPECT_TRUE(root.readFile(kPrefs) == before);
-        else EXPECT_TRUE(fs::is_directory(root(kPrefs)));
+        else EXPECT_EQ(fs::symlink_status(root(kPrefs)).type(), type);
     }
 }
 
@@ -97,6 +152,8 @@ TEST_F(SettingsTest, WritesTheDaemonReadsOtherwiseAreWarnedAbout) {
         {{"JXJoulixArchiveDays", "two weeks"}, "it reads as 0 seconds"},
         {{"JXRotateJoulx", "1 day"}, "'JXRotateJoulx' is neither a setting nor a logger the daemon knows"},
         {{"JXThermalLogger", "-dict", "Enabled", "NO"}, nullptr},
+        {{"JXProcessMonitorLogger", "-dict", "SamplePeriod", "1e-9"}, "SamplePeriod: it is below one second: sampling once a second"},
+        {{"JXProcessMonitorLogger", "-dict", "SamplePeriod", "0"}, nullptr},
     };
     for (auto& c : cases) {
         std::vector<std::string> args{"defaults", "write"};

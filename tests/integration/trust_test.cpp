@@ -21,22 +21,7 @@ using jxtest::waitFor;
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
 
-// A bus that any user may reach, with the shipped policy or without it.
-std::string busConfiguration(bool withPolicy) {
-    return std::string(R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:tmpdir=/tmp</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-)") + (withPolicy ? "  <include>" JOULIX_DBUS_POLICY "</include>\n" : "") +
-           "</busconfig>\n";
-}
+std::string busConfiguration(bool withPolicy) { return jxtest::openBusConfiguration(withPolicy); }
 
 class TrustTest : public jxtest::BinariesTest {
 protected:
@@ -85,7 +70,7 @@ TEST_F(TrustTest, OtherUsersCannotSteerTheDaemonThroughTheBusOrPastIt) {
             })) << tail(daemon->err());
         }
         // Root still steers it; nothing of nobody's was acted on.
-        ASSERT_EQ(ctl({"status"}), 0);
+        ASSERT_EQ(ctl({"trigger"}), 0);
         ASSERT_TRUE(waitFor([&] { return occurrences(logText(), "[Log] state=statusRequested;") >= 1; }));
         EXPECT_FALSE(daemon->wait(0.2)) << "nobody's exit request stopped the daemon";
         EXPECT_EQ(occurrences(logText(), "[Log] state=statusRequested;"), 1u);

@@ -2,6 +2,9 @@
 #include <unicode/locid.h>
 #include <unicode/timezone.h>
 
+#include "defaults/JXDefaults.h"
+#include "platform/PreferencesStore.h"
+#include "platform/PropertyList.h"
 #include "plugins/builtin/JXBuiltinLoggers.h"
 #include "tests/loggers/LoggerTree.h"
 
@@ -94,6 +97,18 @@ TEST(SettingsLoggerTest, GivesTheSettingsInForceIncludingPerLoggerOnes) {
                             "JXLoggingMode=1;\n"),
               1u)
         << written.text();
+
+    // A domain stuffed with keys: read once (the cost was the square of the key count),
+    // its first 256 keys shown and the rest counted.
+    jx::Dictionary many;
+    for (int i = 0; i < 40000; ++i) many[jx::formatString("K%05d", i)] = jx::Value(i);
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(jx::preferencesPath(kJXDefaultsDomain, kJXDefaultsUser), jx::Value(many)));
+    logger->log();
+    const std::string text = written.text();
+    const std::size_t last = text.rfind("[Settings]");
+    const std::string line = text.substr(last, text.find('\n', last) - last);
+    EXPECT_EQ(jxtest::occurrences(line, "; "), 257u) << line.substr(0, 200);  // the mode, 256 keys, the count
+    EXPECT_NE(line.find("; keysNotShown=39744;"), std::string::npos) << line.substr(line.size() - 200);
 }
 
 }  // namespace

@@ -172,3 +172,77 @@ TEST_F(DisplayLoggerTest, ATickWritesOnlyAChange) {
 }
 
 }  // namespace
+
+namespace {
+
+// The power series: from power_now, else current × voltage, else the change of the
+// energy (or of the charge at the voltage) between two samples; negative while the
+// battery gives energy whatever sign the driver uses; impossible readings dropped.
+TEST_F(BatteryLoggerTest, PowerFromWhateverTheDriverOffers) {
+    jxtest::FakeClock clock;
+    const struct {
+        const char* what;
+        std::map<std::string, std::string> first, second;
+        const char* power;  // the [BatteryPower] line of the second sample, or nullptr
+    } cases[] = {
+        {"power_now, unsigned while discharging",
+         {{"status", "Discharging"}, {"power_now", "8123400"}, {"energy_now", "40000000"}},
+         {{"status", "Discharging"}, {"power_now", "8123400"}, {"energy_now", "39990000"}},
+         "name=BAT0; power_mw=-8123.4; source=power_now; energy_mwh=39990; status=Discharging;"},
+        {"current and voltage, a phone's charge counter",
+         {{"status", "Charging"}, {"current_now", "-500000"}, {"voltage_now", "4000000"}, {"charge_now", "1000000"}},
+         {{"status", "Charging"}, {"current_now", "-500000"}, {"voltage_now", "4000000"}, {"charge_now", "1000000"}},
+         "name=BAT0; power_mw=2000; source=current_voltage; energy_mwh=4000; status=Charging;"},
+        {"only the energy: its change over the interval",
+         {{"status", "Discharging"}, {"energy_now", "40000000"}},
+         {{"status", "Discharging"}, {"energy_now", "39000000"}},
+         "power_mw=-60000; source=energy_change; energy_mwh=39000; status=Discharging;"},
+        {"only the charge at the voltage",
+         {{"status", "Discharging"}, {"charge_now", "2000000"}, {"voltage_now", "3800000"}},
+         {{"status", "Discharging"}, {"charge_now", "1900000"}, {"voltage_now", "3800000"}},
+         "power_mw=-22800; source=charge_change; energy_mwh=7220; status=Discharging;"},
+        {"energy rising while discharging: not power", {{"status", "Discharging"}, {"energy_now", "1000000"}},
+         {{"status", "Discharging"}, {"energy_now", "2000000"}}, nullptr},
+        {"a reading beyond what a battery gives", {{"status", "Discharging"}, {"power_now", "900000000"}},
+         {{"status", "Discharging"}, {"power_now", "900000000"}}, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::filesystem::remove_all(sys());
+        auto fresh = std::make_shared<JXBatteryLogger>(sys());
+        auto files = c.first;
+        files["type"] = "Battery";
+        supply("BAT0", files);
+        fresh->logChanges();
+        clock.setNow(jx::Date{clock.now().secondsSince1970 + 60});
+        const std::size_t before = lines("BatteryPower").size();
+        files = c.second;
+        files["type"] = "Battery";
+        supply("BAT0", files);
+        fresh->logChanges();
+        const std::vector<std::string> power = lines("BatteryPower");
+        if (!c.power) {
+            EXPECT_EQ(power.size(), before) << power.back();
+            continue;
+        }
+        ASSERT_EQ(power.size(), before + 1);
+        EXPECT_NE(power.back().find(c.power), std::string::npos) << power.back();
+        if (c.second.at("status") == "Discharging") {
+            EXPECT_NE(power.back().find("power_mw=-"), std::string::npos);
+        }
+    }
+    EXPECT_GE(log.countContaining("JXBatteryLogger: BAT0: an impossible reading"), 1u);
+}
+
+TEST_F(BatteryLoggerTest, HealthAtTheHeadOfEveryLog) {
+    supply("BAT0", {{"type", "Battery"}, {"status", "Full"}, {"energy_full_design", "57000000"}, {"energy_full", "51300000"},
+                    {"cycle_count", "312"}});
+    logger->log();
+    EXPECT_EQ(lines("BatteryHealth"),
+              std::vector<std::string>{"[BatteryHealth] name=BAT0; energy_full_design_mwh=57000; energy_full_mwh=51300; "
+                                       "cycle_count=312; health_pct=90;"});
+    logger->logChanges();
+    EXPECT_EQ(lines("BatteryHealth").size(), 1u) << "only at the head of a log";
+}
+
+}  // namespace

@@ -33,6 +33,22 @@ TEST_F(ProcessMonitorTest, TheFirstSampleChargesEverythingUsedSoFarLargestFirst)
               (std::vector<std::string>{line(42, "a (weird) name", 300, 100), line(1, "init", 10, 20)}));
 }
 
+// Wake-ups (context switches) since the last sample, and a name longer than the
+// kernel's 15 characters: the unit the process runs in and its command line.
+TEST_F(ProcessMonitorTest, ContextSwitchesUnitAndCommandLine) {
+    process(42, "gnome-shell-cal", 100, 0);
+    put("/proc/42/status", "Name:\tgnome-shell-cal\nvoluntary_ctxt_switches:\t900\nnonvoluntary_ctxt_switches:\t100\n");
+    put("/proc/42/cgroup", "0::/user.slice/user-1000.slice/user@1000.service/app.slice/evolution-calendar.service\n");
+    put("/proc/42/cmdline", std::string("/usr/libexec/gnome-shell-calendar-server\0--replace\0", 51));
+    logger->log();
+    process(42, "gnome-shell-cal", 150, 0);
+    put("/proc/42/status", "voluntary_ctxt_switches:\t1300\nnonvoluntary_ctxt_switches:\t110\n");
+    logger->logChanges();
+    const std::string tail = " unit=evolution-calendar.service; command=/usr/libexec/gnome-shell-calendar-server --replace;";
+    EXPECT_EQ(lines("Process"), (std::vector<std::string>{line(42, "gnome-shell-cal", 100, 0) + " ctx_switches=1000;" + tail,
+                                                           line(42, "gnome-shell-cal", 50, 0) + " ctx_switches=410;" + tail}));
+}
+
 TEST_F(ProcessMonitorTest, LaterSamplesChargeOnlyWhatWasUsedSince) {
     process(1, "init", 10, 20);
     process(42, "worker", 300, 100);

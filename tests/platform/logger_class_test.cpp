@@ -123,6 +123,11 @@ TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
     EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXText.bundle"), nullptr);
     EXPECT_EQ(log.countContaining("cannot be loaded"), 1u);
 
+    // A FIFO in a bundle's place: refused without opening it, which would block for ever.
+    ::mkfifo((pluginDir + "/JXFifo.bundle").c_str(), 0644);
+    EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXFifo.bundle"), nullptr);
+    EXPECT_EQ(log.countContaining("JXFifo.bundle not loaded: not a regular file"), 1u);
+
     // A directory others can write to makes every bundle in it untrusted.
     std::string good = install("JXThermalLogger.bundle", 0644);
     chmod(pluginDir.c_str(), 0777);

@@ -100,7 +100,7 @@ TEST_F(WriterTest, PastThePendingLimitTheOldestOrdinaryEntriesGo) {
     open();
     writer.blockOnWriteEntries();
     EXPECT_EQ(file.bodies(), (Lines{"[Header] n=0;", "[LogWriter] droppedEntries=4;", "[E] n=5;", "[E] n=6;"}));
-    EXPECT_TRUE(log.contains("log writer: 4 entries were dropped while no log file was open"));
+    EXPECT_TRUE(log.contains("log writer: 4 entries were dropped while no log file was open or the log could not be written"));
 
     // Another spell without a file reports only what it lost itself; first entries are never lost.
     writer.setLogFileEnabled(false);
@@ -206,6 +206,58 @@ TEST_F(WriterTest, ManyThreadsLoseNothingAndLinesStayWhole) {
         ASSERT_EQ(line.substr(rest), padding + ";");
         ASSERT_EQ(i, next[t]++) << "thread " << t << " out of order";
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Control characters in a value (a process name, a file name) never reach the log as
+// they are; the fields around them keep their layout.
+TEST_F(WriterTest, ControlCharactersAreEscaped) {
+    open();
+    const struct {
+        std::string value, written;
+    } cases[] = {
+        {"plain", "plain"},
+        {"a\tb", "a\\tb"},
+        {"new\nline\r", "new\\nline\\r"},
+        {"\x1b[2J\x1b]0;owned\x07", "\\x1b[2J\\x1b]0;owned\\x07"},
+        {"del\x7f", "del\\x7f"},
+        {"c1 \xc2\x9b" "31m", "c1 \\xc2\\x9b31m"},
+        {"caf\xc3\xa9 \xe2\x9c\x93", "caf\xc3\xa9 \xe2\x9c\x93"},  // UTF-8 text stays
+    };
+    for (const auto& c : cases) {
+        JXEntry e("Process");
+        e.setObject(JXValue::valueWithString(c.value), "name");
+        e.setObject(JXValue::valueWithLong(1), "pid");
+        writer.logEntry(e);
+    }
+    writer.blockOnWriteEntries();
+    Lines expected;
+    for (const auto& c : cases) expected.push_back("[Process] name=" + c.written + "; pid=1;");
+    EXPECT_EQ(file.bodies(), expected);
+}
+
+// A file that takes no bytes (a full disk): said once, the entries are kept, and the
+// next file gets them after a notice of none lost.
+TEST_F(WriterTest, AFailedWriteKeepsTheEntriesAndSaysSoOnce) {
+    jxtest::LogCapture log;
+    FILE* full = std::fopen("/dev/full", "w");
+    if (!full) GTEST_SKIP() << "no /dev/full";
+    writer.setLogFile(full);
+    writer.setLogFileEnabled(true);
+    for (int n = 0; n < 5; ++n) {
+        writer.logEntry(entry("E", n));
+        writer.blockOnWriteEntries();
+    }
+    EXPECT_EQ(log.countContaining("log writer: cannot write the log: No space left on device"), 1u);
+    writer.setLogFile(file.get());
+    writer.logEntry(entry("E", 5));
+    writer.blockOnWriteEntries();
+    std::fclose(full);
+    EXPECT_EQ(file.bodies(), (Lines{"[E] n=0;", "[E] n=1;", "[E] n=2;", "[E] n=3;", "[E] n=4;", "[E] n=5;"}));
+    EXPECT_EQ(writer.droppedCount(), 0u);
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -83,13 +85,20 @@ private:
             _exit(127);
         }
         if (pid_ < 0) return false;
-        // The socket appears once the daemon listens.
+        // The socket's name appears when it is bound, a moment before the daemon
+        // listens: the bus is up once a connection is accepted.
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (access(socket.c_str(), F_OK) != 0) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socket.c_str());
+        for (;;) {
+            int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            const bool up = fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            if (fd >= 0) ::close(fd);
+            if (up) return true;
             if (std::chrono::steady_clock::now() > deadline) return false;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        return true;
     }
 
     pid_t pid_ = -1;
@@ -97,6 +106,25 @@ private:
     std::string config_;
     std::string address_;
 };
+
+#ifdef JOULIX_DBUS_POLICY
+// A bus that any user may reach, with the shipped policy (JOULIX_DBUS_POLICY) or without it.
+inline std::string openBusConfiguration(bool withPolicy) {
+    return std::string(R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:tmpdir=/tmp</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+)") + (withPolicy ? std::string("  <include>") + JOULIX_DBUS_POLICY + "</include>\n" : std::string()) +
+           "</busconfig>\n";
+}
+#endif
 
 // Starts a program with its output thrown away (for benchmarks that run the
 // binaries); the system bus is the private one when one is up.

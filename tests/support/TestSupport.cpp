@@ -1,6 +1,9 @@
 #include "tests/support/TestSupport.h"
 
+#include <grp.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -172,6 +175,67 @@ std::string installBundle(const TestRoot& root, const std::string& built, const 
                                std::filesystem::copy_options::overwrite_existing);
     chmod(path.c_str(), mode);
     return path;
+}
+
+namespace {
+const char kVictimBytes[] = "a file only root may read or write\n";
+}
+
+Victim::Victim() {
+    std::string tmpl = (std::filesystem::temp_directory_path() / "joulix-victim-XXXXXX").string();
+    dir_ = mkdtemp(tmpl.data());
+    path_ = dir_ + "/secret";
+    std::ofstream(path_, std::ios::binary) << kVictimBytes;
+    ::chmod(path_.c_str(), 0600);
+    ::stat(path_.c_str(), &made_);
+}
+
+Victim::~Victim() {
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+}
+
+std::string Victim::changed() const {
+    struct stat now {};
+    if (::lstat(path_.c_str(), &now) != 0) return "it is gone";
+    std::string what;
+    std::ifstream in(path_, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    if (bytes.str() != kVictimBytes) what += "bytes ";
+    if (now.st_uid != made_.st_uid || now.st_gid != made_.st_gid) what += "owner ";
+    if (now.st_mode != made_.st_mode) what += "mode ";
+    if (now.st_mtim.tv_sec != made_.st_mtim.tv_sec || now.st_mtim.tv_nsec != made_.st_mtim.tv_nsec) what += "mtime ";
+    if (::listxattr(path_.c_str(), nullptr, 0) > 0) what += "xattr ";
+    return what;
+}
+
+void plantLink(const std::string& target, const std::string& path) {
+    const std::string dir = std::filesystem::path(path).parent_path();
+    std::filesystem::create_directories(dir);
+    std::error_code ec;
+    std::filesystem::remove(path, ec);
+    if (::geteuid() != 0) {
+        std::filesystem::create_symlink(target, path);
+        return;
+    }
+    const uid_t nobody = 65534;
+    ASSERT_EQ(::chown(dir.c_str(), nobody, nobody), 0) << dir;
+    // The way down must be open to the account (a test root is made for its owner only).
+    for (std::filesystem::path up = dir; up != up.parent_path(); up = up.parent_path()) {
+        struct stat st {};
+        if (::stat(up.c_str(), &st) == 0 && !(st.st_mode & S_IXOTH)) ::chmod(up.c_str(), (st.st_mode & 07777) | S_IXOTH);
+    }
+    pid_t child = ::fork();
+    if (child == 0) {
+        // Only system calls here: the child of a threaded process.
+        bool ok = ::setgroups(0, nullptr) == 0 && ::setresgid(nobody, nobody, nobody) == 0 &&
+                  ::setresuid(nobody, nobody, nobody) == 0 && ::symlink(target.c_str(), path.c_str()) == 0;
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "nobody could not plant a link at " << path;
 }
 
 std::size_t occurrences(const std::string& text, const std::string& what) {

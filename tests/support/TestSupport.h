@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <mutex>
@@ -93,6 +94,26 @@ private:
 // Copies a bundle of the build into the root's plug-in directory under another
 // name, with the modes a trusted plug-in has; answers the installed path.
 std::string installBundle(const TestRoot& root, const std::string& built, const std::string& as, mode_t mode = 0644);
+
+// A file with mode 600, owned by the test's user, outside every test root: what a
+// link planted by an attacker points at. changed() says what about it is no longer
+// as it was made (bytes, owner, mode, modification time, extended attributes).
+class Victim {
+public:
+    Victim();
+    ~Victim();
+    const std::string& path() const { return path_; }
+    std::string changed() const;
+
+private:
+    std::string dir_, path_;
+    struct stat made_ {};
+};
+
+// Puts a symbolic link at path pointing at target. Run as root, the link is made by
+// the account nobody in a directory handed to it, as an attacker holding the account
+// that owns the log directories would; otherwise as the test's own user.
+void plantLink(const std::string& target, const std::string& path);
 
 // How often a text holds a piece of text.
 std::size_t occurrences(const std::string& text, const std::string& what);
