@@ -41,7 +41,7 @@ public:
         kept("BB HW Processor", "system_State=[12.5%,3]; cores=2;");
         kept("BB HW MPSS", "CXO_Shutdown=[" + num(pick(10, 90)) + "%,100];");
         kept("Battery", "level=" + num(pick(5, 100)) + "; charging_state=inactive; charging_current=0; voltage=3.9;");
-        noise("Process", "name=springboard; cpu=" + num(pick(0, 30)) + "; mem=182;");
+        noise("Process", "name=launchdeck; cpu=" + num(pick(0, 30)) + "; mem=182;");
         noise("WiFi", "rssi=-" + num(pick(40, 90)) + "; channel=36; tx=120;");
         // An hour: the display on for five minutes, a short call, audio and the hotspot
         // held for a while; idle otherwise, so that idle intervals close and are counted.

@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "baseband/JXBasebandPostProcessing.h"
-#include "tests/baseband/PowerLog.h"
+#include "tests/baseband/SampleLog.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -50,7 +50,7 @@ const struct LineCase {
     {"[Assertion] id=9; state=held; process=wlanhubd; pid=81; name=ap1;", "WifiAssertionCreated", {{"8", "held"}}},
     {"[Assertion] id=9; state=released; process=wlanhubd; pid=81; name=ap1;", "WifiAssertionReleased", {}},
     {"[Assertion] id=9; state=held; process=locationd; pid=82; name=ap1;", "", {}},
-    {"[Process] name=springboard; cpu=1.5;", "", {}},
+    {"[Process] name=launchdeck; cpu=1.5;", "", {}},
 };
 
 class Patterns : public ::testing::Test {
@@ -196,9 +196,9 @@ TEST_F(Patterns, MatchedLinesBecomeEvents) {
     for (const auto& c : cases) {
         JXBasebandPostProcessing fresh;
         Dictionary events;
-        jxtest::PowerLog lines;
+        jxtest::SampleLog lines;
         for (const std::string& body : c.bodies) {
-            const std::string line = jxtest::PowerLog::stamp(lines.now()) + " " + body + "\n";
+            const std::string line = jxtest::SampleLog::stamp(lines.now()) + " " + body + "\n";
             lines.advance(1);
             fresh.dispatchMatchedResult(fresh.getMatchedResultsFor(line, table), events);
         }

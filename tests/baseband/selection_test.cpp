@@ -8,7 +8,7 @@
 #include "baseband/JXBasebandPostProcessing.h"
 #include "platform/JXUtilities.h"
 #include "platform/Task.h"
-#include "tests/baseband/PowerLog.h"
+#include "tests/baseband/SampleLog.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

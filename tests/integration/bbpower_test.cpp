@@ -6,13 +6,13 @@
 #include <filesystem>
 
 #include "platform/PropertyList.h"
-#include "tests/baseband/PowerLog.h"
+#include "tests/baseband/SampleLog.h"
 #include "tests/integration/Process.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-using jxtest::PowerLog;
+using jxtest::SampleLog;
 using jxtest::Process;
 
 class BBPower : public ::testing::Test {
@@ -69,7 +69,7 @@ protected:
 
 TEST_F(BBPower, TwoIdleIntervalsAtFullUtilityAreAnIssueReportedOnlyWhenAsked) {
     installComposer();
-    PowerLog log;
+    SampleLog log;
     for (int i = 0; i < 4; ++i) log.sample(100, 300, 10, 10).noise().advance(300);
     logs(log.text());
 
@@ -101,7 +101,7 @@ TEST_F(BBPower, TwoIdleIntervalsAtFullUtilityAreAnIssueReportedOnlyWhenAsked) {
 // A power loss can leave a zero-filled tail, and a process name may carry bytes that
 // are no text: the lines with tags around them still count.
 TEST_F(BBPower, NulBytesAndInvalidTextDoNotHideTheLines) {
-    PowerLog log;
+    SampleLog log;
     for (int i = 0; i < 4; ++i) log.sample(100, 300, 10, 10).noise().advance(300);
     logs(log.text() + "11/14/2026 10:20:01.000 [Process] name=\xff\xfe;\n" + std::string(64, '\0'));
     Run run = bbpower();
@@ -110,7 +110,7 @@ TEST_F(BBPower, NulBytesAndInvalidTextDoNotHideTheLines) {
 }
 
 TEST_F(BBPower, IntervalMeansGoIntoTheirBinsAndBusyIntervalsAreDiscarded) {
-    PowerLog log;
+    SampleLog log;
     log.sample(37.2, 300, 10, 10).sample(37.2, 300, 10, 10);                        // bin 38
     log.sample(0.4, 600, 10, 10);                                                   // bin 1
     log.sample(50, 300, 70.0, 10).sample(50, 300, 10, 70.0);                        // kept: bin 50
@@ -126,7 +126,7 @@ TEST_F(BBPower, IntervalMeansGoIntoTheirBinsAndBusyIntervalsAreDiscarded) {
 }
 
 TEST_F(BBPower, UsingTheDeviceResetsTheIntervalAndDropsTheNextSample) {
-    PowerLog log;
+    SampleLog log;
     log.sample(90, 300, 10, 10).display(true).sample(90, 300, 10, 10).advance(60);
     log.display(false).sample(90, 600, 10, 10).sample(20, 600, 10, 10);
     logs(log.text());
@@ -138,7 +138,7 @@ TEST_F(BBPower, UsingTheDeviceResetsTheIntervalAndDropsTheNextSample) {
 
 TEST_F(BBPower, NoSamplesGiveNoIssueAndAnEmptyRecord) {
     installComposer();
-    PowerLog log;
+    SampleLog log;
     log.display(true).noise().display(false);
     logs(log.text());
     Run run = bbpower();
@@ -187,7 +187,7 @@ TEST_F(BBPower, TheExtractMayHoldFifteenMegabytesAndNoMore) {
 }
 
 TEST_F(BBPower, OneLogOnlyIsNotFound) {
-    jxtest::writeDatedFile(crash + "only.joulix", PowerLog().sample(100, 600, 10, 10).text());
+    jxtest::writeDatedFile(crash + "only.joulix", SampleLog().sample(100, 600, 10, 10).text());
     Run run = bbpower();
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(run.said("BBPowerTool -- No Power Log of Interest Found: Exit")) << run.err;
@@ -196,7 +196,7 @@ TEST_F(BBPower, OneLogOnlyIsNotFound) {
 }
 
 TEST_F(BBPower, HostileFileNamesRunNothing) {
-    PowerLog log;
+    SampleLog log;
     log.sample(100, 600, 10, 10).sample(100, 600, 10, 10);
     jxtest::writeDatedFile(crash + "a$(touch pwned1).joulix", log.text());
     jxtest::writeDatedFile(crash + "b`touch pwned2`.joulix", log.text());
@@ -216,7 +216,7 @@ TEST_F(BBPower, WithTheMetricDisabledOnlyANotificationRequestRuns) {
     std::filesystem::create_directories(root("/etc/joulix"));
     ASSERT_TRUE(jx::writePropertyListFileAtomically(
         root("/etc/joulix/metrics.plist"), jx::Value(jx::Dictionary{{"EnabledMetrics", jx::Array{jx::Value(7)}}})));
-    logs(PowerLog().sample(100, 600, 10, 10).sample(100, 600, 10, 10).text());
+    logs(SampleLog().sample(100, 600, 10, 10).sample(100, 600, 10, 10).text());
     Run off = bbpower();
     EXPECT_EQ(off.status, 1);
     EXPECT_TRUE(off.said("BBPowerTool -- TLM and Notification are Disabled: Exit")) << off.err;

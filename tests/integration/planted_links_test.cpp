@@ -12,7 +12,7 @@
 #include <fstream>
 #include <thread>
 
-#include "tests/baseband/PowerLog.h"
+#include "tests/baseband/SampleLog.h"
 #include "tests/integration/Process.h"
 #include "tests/support/TestSupport.h"
 
@@ -90,7 +90,7 @@ TEST_F(PlantedLinksTest, ALinkAtANameTheDaemonWritesIsNeverWrittenThrough) {
 TEST_F(PlantedLinksTest, TheExtractIsNeverWrittenThroughALink) {
     const std::string crash = root(kFaultkeeper + "/");
     fs::create_directories(crash);
-    jxtest::writeDatedFile(crash + "JX_2026-11-14-100000_A.joulix", jxtest::PowerLog().sample(100, 600, 10, 10).text());
+    jxtest::writeDatedFile(crash + "JX_2026-11-14-100000_A.joulix", jxtest::SampleLog().sample(100, 600, 10, 10).text());
     jxtest::writeDatedFile(crash + "JX_2026-11-15-100000_B.joulix", "11/15/2026 10:00:00.000 [Joulix] x=1;\n");
     const std::string temporary = root("/var/tmp/Temp_JoulixForBBPowerTool.joulix");
     jxtest::plantLink(victim.path(), temporary);

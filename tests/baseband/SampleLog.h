@@ -16,9 +16,9 @@
 namespace jxtest {
 
 // Builds a power log in time order; the clock starts at 11/14/2026 10:00:00 local time.
-class PowerLog {
+class SampleLog {
 public:
-    explicit PowerLog(double startOffsetSeconds = 0) {
+    explicit SampleLog(double startOffsetSeconds = 0) {
         std::tm tm{};
         tm.tm_year = 2026 - 1900;
         tm.tm_mon = 10;
@@ -32,25 +32,25 @@ public:
     void advance(double seconds) { now_ += seconds; }
 
     // One line at the present time (and the clock one millisecond on).
-    PowerLog& line(const std::string& tag, const std::string& fields) {
+    SampleLog& line(const std::string& tag, const std::string& fields) {
         text_ += stamp(now_) + " [" + tag + "] " + fields + "\n";
         now_ += 0.001;
         return *this;
     }
     // The four lines of one ARM utility sample: utility u over d seconds, APPS
     // value a, and p as the largest peripherals percentage.
-    PowerLog& sample(double u, double d, double a, double p) {
+    SampleLog& sample(double u, double d, double a, double p) {
         line("BB HW Log", "LogCode=0x1; Duration=" + number(d) + ";");
         line("BB HW RPM", "XO_Shutdown=[" + number(100.0 - u) + "%,1200]; VDD_Min=[0%,0];");
         line("BB HW APPS", "Sleep=4; CXO_Shutdown=[" + number(100.0 - a) + "%,55];");
         line("BB HW Peripherals", "USB=[1,2," + number(p) + "%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];");
         return *this;
     }
-    PowerLog& display(bool on) {
+    SampleLog& display(bool on) {
         return line("Display", std::string("active=") + (on ? "YES" : "NO") + "; brightness=0.5;");
     }
     // Lines the extraction drops.
-    PowerLog& noise() { return line("Process", "name=springboard; cpu=1.5;"); }
+    SampleLog& noise() { return line("Process", "name=launchdeck; cpu=1.5;"); }
     const std::string& text() const { return text_; }
 
     static std::string stamp(double t) {
