@@ -13,6 +13,9 @@ public:
     virtual Date now() { return Date::now(); }
     virtual void sleepSeconds(unsigned seconds);
     virtual void sleepMicroseconds(std::uint64_t microseconds);
+    // Seconds the system has spent suspended since boot: the boot-time clock runs on
+    // through a suspend, the monotonic one stops.
+    virtual double suspendedSeconds();
 
     // The clock in use; tests install a double (not owned, nullptr restores the real one).
     static Clock& current();

@@ -72,6 +72,7 @@ private:
     bool watching_ = false;
     long lastOffset_ = 0;
     std::string lastZone_;
+    double lastSuspended_ = 0;  // seconds suspended since boot, when last looked at
 };
 
 // "[Settings]": the daemon's settings in force, each key of its domain with the
@@ -134,6 +135,7 @@ private:
     };
     std::string sys_;
     std::map<std::string, Reading> last_;
+    jx::OpenAttributes attributes_;  // kept open from sample to sample
     jx::SaidOnce nothing_;
     // Said at growing intervals: a counter that goes back without wrapping.
     unsigned long implausible_ = 0;
@@ -154,6 +156,7 @@ private:
     };
     std::string sys_;
     std::map<std::string, Counts> last_;
+    jx::OpenAttributes attributes_;  // kept open from sample to sample
     jx::SaidOnce nothing_;
 };
 
@@ -170,6 +173,7 @@ private:
     std::map<std::string, long long> lastIdleUs_;       // "cpuN/stateK" → µs
     std::map<std::string, long long> lastTimeInState_;  // "cpuN/kHz" → 10 ms units
     double lastSeconds_ = 0;
+    jx::OpenAttributes attributes_;  // kept open from sample to sample
     jx::SaidOnce nothing_;
 };
 
@@ -184,6 +188,7 @@ protected:
 private:
     std::string sys_;
     std::map<std::string, long long> last_;  // "bus/device" → active ms
+    jx::OpenAttributes attributes_;  // kept open from sample to sample
     jx::SaidOnce nothing_;
 };
 
@@ -267,7 +272,9 @@ private:
 // manager's PrepareForSleep signal over the system bus, holding a delay lock so
 // that the sleep is in the log before the device sleeps; without a login manager
 // (or once the bus goes away), the kernel's count of suspends, looked at on its
-// timer.
+// timer and at each resume. After each wake, "[Suspend]" accounts for it: when it
+// began and ended, the time suspended, the batteries' energy (and charge) before and
+// after, the mean drain, and what woke the system.
 class JXSleepWakeLogger : public JXSamplingLogger {
 public:
     explicit JXSleepWakeLogger(std::string sysRoot = "/sys");
@@ -290,15 +297,36 @@ protected:
     void write(bool everything) override;
 
 private:
+    // The wall clock, the time spent suspended so far and the batteries' store, read
+    // together on each side of a suspend.
+    struct Moment {
+        double utc = 0, suspended = 0;
+        std::optional<double> energyMwh, chargeMah;
+    };
     // Follows the login manager when it is there, else the kernel's count.
     void follow();
+    Moment moment() const;
     std::map<std::string, long long> wakeupCounts() const;
-    void writeWake();
+    // The [Wake] entry; returns the reason it gave.
+    std::string writeWake();
+    // "[Suspend]": the accounting of the suspend (or suspends) between two moments.
+    void writeSuspend(const Moment& before, const Moment& after, const char* accounting, const std::string& wokenBy,
+                      long long suspends);
+    // Without the login manager, a wake is seen at once: a resume cancels a timer that
+    // waits on the wall clock, as setting the clock does.
+    void watchResume();
+    void armResume();
+    void onResume();
     std::string sys_;
     std::unique_ptr<BusWatch> watch_;
     std::optional<long long> suspends_;        // the kernel's count when last looked at
     std::map<std::string, long long> before_;  // each wake-up source's count before the sleep
-    jx::FileDescriptor inhibitor_;
+    std::optional<Moment> asleep_;             // when the login manager said it would sleep
+    Moment looked_;                            // the last look at the kernel's count
+    int uncounted_ = 0;                        // looks since time suspended went uncounted
+    jx::FileDescriptor inhibitor_, resume_;
+    std::shared_ptr<jx::RunLoop> loop_;
+    jx::RunLoop::SourceId resumeSource_ = 0;
     jx::SaidOnce nothing_;
 };
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "platform/Clock.h"
 #include "platform/JXEntry.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLoggerClass.h"
@@ -45,6 +46,7 @@ JXClockLogger::~JXClockLogger() {
 }
 
 void JXClockLogger::logSample() {
+    lastSuspended_ = jx::Clock::current().suspendedSeconds();
     write(isNewLog() ? "new_log" : "asked");
     watch();
 }
@@ -126,10 +128,15 @@ void JXClockLogger::onTimer() {
     std::uint64_t expirations = 0;
     const ssize_t n = ::read(timer_.get(), &expirations, sizeof expirations);
     if (n < 0 && errno == EAGAIN) return;
-    // Cancelled: somebody set the wall clock. Else the offset changed as the zone says.
+    // Cancelled: somebody set the wall clock, or the system resumed (the kernel cancels
+    // such timers then too, and the time suspended tells the two apart). Else the
+    // offset changed as the zone says.
     const bool set = n < 0 && errno == ECANCELED;
+    const double suspended = jx::Clock::current().suspendedSeconds();
+    const bool resumed = set && suspended > lastSuspended_;
+    lastSuspended_ = suspended;
     ::tzset();
-    write(set ? "clock_set" : "offset_change");
+    write(resumed ? "resume" : set ? "clock_set" : "offset_change");
     armTimer();
 }
 

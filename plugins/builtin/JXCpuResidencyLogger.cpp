@@ -45,11 +45,11 @@ void JXCpuResidencyLogger::write(bool) {
         const std::string idle = dir + cpu + "/cpuidle/";
         for (const std::string& state : jx::listKernelDirectory(idle)) {
             const std::string base = idle + state + "/";
-            std::optional<long long> time = jx::readKernelNumber(base + "time");
+            std::optional<long long> time = attributes_.number(base + "time");
             if (!time) continue;
             const std::string key = cpu + "/" + state;
-            const std::string label = jx::fieldText(jx::readKernelLine(base + "name").value_or(state));
-            const long long entries = jx::readKernelNumber(base + "usage").value_or(0);
+            const std::string label = jx::fieldText(attributes_.line(base + "name").value_or(state));
+            const long long entries = attributes_.number(base + "usage").value_or(0);
             idleUs[key] = *time;
             idleUs[key + "/usage"] = entries;
             auto before = lastIdleUs_.find(key);
@@ -58,7 +58,7 @@ void JXCpuResidencyLogger::write(bool) {
             perState[label].second += entries - lastIdleUs_[key + "/usage"];
         }
         // time_in_state: "kHz time" lines, the time in 10 ms units since boot.
-        if (std::optional<std::string> table = jx::readKernelFile(dir + cpu + "/cpufreq/stats/time_in_state")) {
+        if (std::optional<std::string> table = attributes_.file(dir + cpu + "/cpufreq/stats/time_in_state")) {
             std::istringstream lines(*table);
             for (long long khz = 0, ticks = 0; lines >> khz >> ticks;) {
                 const std::string key = cpu + "/" + std::to_string(khz);
@@ -68,11 +68,12 @@ void JXCpuResidencyLogger::write(bool) {
                 frequencyWeight += static_cast<double>(khz) * static_cast<double>(ticks - before->second);
                 frequencyTime += static_cast<double>(ticks - before->second);
             }
-        } else if (std::optional<long long> khz = jx::readKernelNumber(dir + cpu + "/cpufreq/scaling_cur_freq")) {
+        } else if (std::optional<long long> khz = attributes_.number(dir + cpu + "/cpufreq/scaling_cur_freq")) {
             currentSum += static_cast<double>(*khz);
             ++currentCount;
         }
     }
+    attributes_.sweep();
     if (cpus == 0 || (idleUs.empty() && timeInState.empty() && currentCount == 0))
         nothing_.say("JXCpuResidencyLogger: no cpuidle or cpufreq statistics under " + dir);
 

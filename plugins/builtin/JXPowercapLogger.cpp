@@ -32,7 +32,7 @@ void JXPowercapLogger::write(bool) {
         const std::string base = dir + zone + "/";
         // The control type ("intel-rapl") has no counter of its own; a counter only root
         // may read is no counter to us either.
-        std::optional<long long> energy = jx::readKernelNumber(base + "energy_uj");
+        std::optional<long long> energy = attributes_.number(base + "energy_uj");
         if (!energy || *energy < 0) continue;
         now[zone] = Reading{*energy, at};
 
@@ -54,13 +54,14 @@ void JXPowercapLogger::write(bool) {
         if (seconds <= 0) continue;
         JXEntry e("Powercap");
         e.setObject(JXValue::valueWithString(jx::fieldText(zone)), "zone");
-        e.setObject(JXValue::valueWithString(jx::fieldText(jx::readKernelLine(base + "name").value_or(zone))), "name");
+        e.setObject(JXValue::valueWithString(jx::fieldText(attributes_.line(base + "name").value_or(zone))), "name");
         e.setObject(JXValue::valueWithLong(delta), "energy_uj");
         e.setObject(JXValue::valueWithLong(std::llround(seconds * 1000)), "interval_ms");
         // µJ per second is µW: a thousandth of that in mW, to a tenth.
         e.setObject(JXValue::valueWithDouble(std::round(static_cast<double>(delta) / seconds / 100.0) / 10.0), "power_mw");
         JXLogWriter::sharedWriter().logEntry(e);
     }
+    attributes_.sweep();
     if (now.empty()) nothing_.say("JXPowercapLogger: no energy counter under " + dir);
     last_ = std::move(now);
 }

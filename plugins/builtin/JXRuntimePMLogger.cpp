@@ -8,7 +8,9 @@
 
 namespace {
 
-constexpr double kDefaultPeriodSeconds = 60;
+// Rankings over five minutes, as the process monitor's: a minute's would be five times
+// the lines for the same few names.
+constexpr double kDefaultPeriodSeconds = 300;
 constexpr std::size_t kDefaultTopCount = 5;
 const char* const kBuses[] = {"pci", "usb", "platform"};
 
@@ -29,16 +31,17 @@ void JXRuntimePMLogger::write(bool) {
         const std::string dir = sys_ + "/bus/" + bus + "/devices/";
         for (const std::string& device : jx::listKernelDirectory(dir)) {
             const std::string power = dir + device + "/power/";
-            std::optional<long long> active = jx::readKernelNumber(power + "runtime_active_time");
+            std::optional<long long> active = attributes_.number(power + "runtime_active_time");
             if (!active) continue;
             const std::string key = std::string(bus) + "/" + device;
             now[key] = *active;
             auto before = last_.find(key);
             if (before == last_.end() || *active <= before->second) continue;
             held.push_back({bus, jx::fieldText(device), *active - before->second,
-                            jx::fieldText(jx::readKernelLine(power + "runtime_status").value_or("unknown"))});
+                            jx::fieldText(attributes_.line(power + "runtime_status").value_or("unknown"))});
         }
     }
+    attributes_.sweep();
     if (now.empty()) nothing_.say("JXRuntimePMLogger: no runtime-PM statistics under " + sys_ + "/bus");
     last_ = std::move(now);
     std::sort(held.begin(), held.end(), [](const Held& a, const Held& b) {

@@ -5,19 +5,23 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <thread>
 
+#include "platform/Clock.h"
 #include "platform/JXEntry.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLoggerClass.h"
 #include "platform/SdBus.h"
+#include "platform/JXUtilities.h"
 #include "platform/SystemLog.h"
 #include "plugins/builtin/JXBuiltinLoggers.h"
 
@@ -156,7 +160,10 @@ JXSleepWakeLogger::JXSleepWakeLogger(std::string sysRoot)
     : JXSamplingLogger("JXSleepWakeLogger", kDefaultPeriodSeconds), sys_(std::move(sysRoot)) {}
 
 // The watch's thread is stopped before the rest of the logger goes.
-JXSleepWakeLogger::~JXSleepWakeLogger() { watch_.reset(); }
+JXSleepWakeLogger::~JXSleepWakeLogger() {
+    watch_.reset();
+    if (loop_ && resumeSource_) loop_->removeSource(resumeSource_);
+}
 
 // While counting suspends, each triggered sample (rare enough to ask) looks for the
 // login manager again, and else takes up a changed period setting.
@@ -200,13 +207,56 @@ void JXSleepWakeLogger::follow() {
     if (!suspends_) {
         suspends_ = now;
         before_ = wakeupCounts();
+        looked_ = moment();
     }
+    watchResume();
     keepSampling();
+}
+
+void JXSleepWakeLogger::watchResume() {
+    // Only a daemon's run loop serves the sources; a one-shot run has none to watch with.
+    if (loop_) return;
+    loop_ = JXUtilities::sharedJXRunLoop();
+    if (!loop_) return;
+    resume_.reset(::timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC));
+    if (!resume_.valid()) return;
+    armResume();
+    std::weak_ptr<JXLogger> weak = weak_from_this();
+    resumeSource_ = loop_->addSource(resume_.get(), [weak] {
+        if (auto self = weak.lock())
+            self->loggerSerialQueue().async([weak] {
+                if (auto logger = std::static_pointer_cast<JXSleepWakeLogger>(weak.lock())) logger->onResume();
+            });
+    });
+}
+
+void JXSleepWakeLogger::armResume() {
+    // Far ahead: the timer is there to be cancelled, not to expire.
+    itimerspec when{};
+    when.it_value.tv_sec = ::time(nullptr) + 400L * 86400;
+    if (::timerfd_settime(resume_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr) != 0)
+        jx::systemLogf(jx::kLogError, "JXSleepWakeLogger: cannot arm the resume timer: %s", std::strerror(errno));
+}
+
+void JXSleepWakeLogger::onResume() {
+    std::uint64_t expirations = 0;
+    const ssize_t n = ::read(resume_.get(), &expirations, sizeof expirations);
+    if (n < 0 && errno == EAGAIN) return;
+    write(false);
+    if (n < 0 && uncounted_) {
+        // Woken before the kernel counted the suspend (it counts once the processes
+        // thaw): look again in a second.
+        itimerspec soon{};
+        soon.it_value.tv_sec = 1;
+        if (::timerfd_settime(resume_.get(), 0, &soon, nullptr) == 0) return;
+    }
+    armResume();
 }
 
 void JXSleepWakeLogger::busLost() {
     // The watch's thread has ended (or is ending): joined here, on the queue.
     watch_.reset();
+    asleep_.reset();
     inhibitor_.reset();
     suspends_.reset();
     follow();
@@ -214,6 +264,7 @@ void JXSleepWakeLogger::busLost() {
 
 void JXSleepWakeLogger::prepareForSleep(bool start) {
     if (start) {
+        asleep_ = moment();
         before_ = wakeupCounts();
         JXEntry entry("Sleep");
         entry.setObject(JXValue::valueWithString("did_sleep"), "event");
@@ -222,7 +273,10 @@ void JXSleepWakeLogger::prepareForSleep(bool start) {
         JXLogWriter::sharedWriter().blockOnWriteEntries();
         inhibitor_.reset();
     } else {
-        writeWake();
+        const Moment awake = moment();
+        const std::string reason = writeWake();
+        if (asleep_) writeSuspend(*asleep_, awake, "login_manager", reason, 1);
+        asleep_.reset();
     }
 }
 
@@ -231,16 +285,82 @@ void JXSleepWakeLogger::holdInhibitor(jx::FileDescriptor lock) { inhibitor_ = st
 void JXSleepWakeLogger::write(bool) {
     if (watch_) return;
     std::optional<long long> now = jx::readKernelNumber(sys_ + "/power/suspend_stats/success");
+    const Moment look = moment();
     if (!now || !suspends_ || *now <= *suspends_) {
         if (now) suspends_ = now;
+        // Time suspended that the kernel has not counted yet keeps the moment before
+        // it for one more look.
+        if (look.suspended <= looked_.suspended || uncounted_++ > 0) {
+            looked_ = look;
+            uncounted_ = 0;
+        }
         return;
     }
+    uncounted_ = 0;
     // Counted after the fact: the sleep and the wake are written together.
+    const long long count = *now - *suspends_;
     suspends_ = now;
     JXEntry entry("Sleep");
     entry.setObject(JXValue::valueWithString("did_sleep"), "event");
     JXLogWriter::sharedWriter().logEntry(entry);
-    writeWake();
+    writeSuspend(looked_, look, "suspend_stats", writeWake(), count);
+    looked_ = look;
+}
+
+JXSleepWakeLogger::Moment JXSleepWakeLogger::moment() const {
+    Moment m;
+    jx::Clock& clock = jx::Clock::current();
+    m.utc = clock.now().secondsSince1970;
+    m.suspended = clock.suspendedSeconds();
+    const std::string dir = sys_ + "/class/power_supply/";
+    auto add = [](std::optional<double>& sum, double v) { sum = sum.value_or(0) + v; };
+    for (const std::string& name : jx::listKernelDirectory(dir)) {
+        const std::string base = dir + name + "/";
+        if (jx::readKernelLine(base + "type").value_or("") != "Battery" || jx::readKernelNumber(base + "present") == 0LL)
+            continue;
+        const std::optional<long long> energy = jx::readKernelNumber(base + "energy_now");  // µWh
+        const std::optional<long long> charge = jx::readKernelNumber(base + "charge_now");  // µAh
+        if (charge) add(m.chargeMah, *charge / 1000.0);
+        if (energy) add(m.energyMwh, *energy / 1000.0);
+        else if (auto uv = jx::readKernelNumber(base + "voltage_now"); charge && uv)
+            add(m.energyMwh, static_cast<double>(*charge) * static_cast<double>(*uv) / 1e9);
+    }
+    return m;
+}
+
+void JXSleepWakeLogger::writeSuspend(const Moment& before, const Moment& after, const char* accounting,
+                                     const std::string& wokenBy, long long suspends) {
+    auto tenth = [](double v) { return std::round(v * 10) / 10; };
+    auto seconds = [](double v) { return JXValue::valueWithString(jx::formatString("%.3f", v)); };
+    // The login manager says when the suspend began; the kernel's count only that it
+    // happened since the last look, so then it began the time suspended before the wake.
+    const double suspended = std::max(0.0, after.suspended - before.suspended);
+    const double span = after.utc - before.utc;
+    const double began = std::string(accounting) == "login_manager" ? before.utc : after.utc - suspended;
+    JXEntry e("Suspend");
+    e.setObject(seconds(began), "began_utc_s");
+    e.setObject(seconds(after.utc), "ended_utc_s");
+    e.setObject(seconds(after.utc - began), "duration_s");
+    e.setObject(seconds(suspended), "suspended_s");
+    if (suspends > 1) e.setObject(JXValue::valueWithLong(suspends), "suspends");
+    if (before.energyMwh && after.energyMwh) {
+        e.setObject(JXValue::valueWithDouble(tenth(*before.energyMwh)), "energy_before_mwh");
+        e.setObject(JXValue::valueWithDouble(tenth(*after.energyMwh)), "energy_after_mwh");
+        // Over the span between the two readings: the whole suspend with the login
+        // manager, since the last look without it (span_s says how long that was).
+        if (span > 0)
+            e.setObject(JXValue::valueWithDouble(tenth((*before.energyMwh - *after.energyMwh) * 3600 / span)), "drain_mw");
+    }
+    if (before.chargeMah && after.chargeMah) {
+        e.setObject(JXValue::valueWithDouble(tenth(*before.chargeMah)), "charge_before_mah");
+        e.setObject(JXValue::valueWithDouble(tenth(*after.chargeMah)), "charge_after_mah");
+    }
+    e.setObject(seconds(span), "span_s");
+    e.setObject(JXValue::valueWithString(wokenBy.empty() ? "unknown" : wokenBy), "woken_by");
+    if (std::optional<long long> irq = jx::readKernelNumber(sys_ + "/power/pm_wakeup_irq"))
+        e.setObject(JXValue::valueWithLong(*irq), "wakeup_irq");
+    e.setObject(JXValue::valueWithString(accounting), "accounting");
+    JXLogWriter::sharedWriter().logEntry(e);
 }
 
 std::map<std::string, long long> JXSleepWakeLogger::wakeupCounts() const {
@@ -251,7 +371,7 @@ std::map<std::string, long long> JXSleepWakeLogger::wakeupCounts() const {
     return counts;
 }
 
-void JXSleepWakeLogger::writeWake() {
+std::string JXSleepWakeLogger::writeWake() {
     // The source that woke the device is the one whose count of wake-ups grew;
     // of several, the one that changed last.
     const std::string dir = sys_ + "/class/wakeup/";
@@ -274,6 +394,7 @@ void JXSleepWakeLogger::writeWake() {
     JXEntry entry("Wake");
     entry.setObject(JXValue::valueWithString(reason.empty() ? "unknown" : reason), "reason");
     JXLogWriter::sharedWriter().logEntry(entry);
+    return reason;
 }
 
 JX_REGISTER_LOGGER(JXSleepWakeLogger)

@@ -9,7 +9,9 @@
 
 namespace {
 
-constexpr double kDefaultPeriodSeconds = 60;
+// Rankings over five minutes, as the process monitor's: a minute's would be five times
+// the lines for the same few names.
+constexpr double kDefaultPeriodSeconds = 300;
 constexpr std::size_t kDefaultTopCount = 5;
 
 }  // namespace
@@ -28,17 +30,17 @@ void JXWakeupSourceLogger::write(bool everything) {
     std::vector<Held> held;
     for (const std::string& source : jx::listKernelDirectory(dir)) {
         const std::string base = dir + source + "/";
-        std::optional<std::string> name = jx::readKernelLine(base + "name");
-        std::optional<long long> active = jx::readKernelNumber(base + "total_time_ms");
+        std::optional<std::string> name = attributes_.line(base + "name");
+        std::optional<long long> active = attributes_.number(base + "total_time_ms");
         if (!name || !active) continue;
-        Counts c{*active, jx::readKernelNumber(base + "wakeup_count").value_or(0),
-                 jx::readKernelNumber(base + "event_count").value_or(0)};
+        Counts c{*active, attributes_.number(base + "wakeup_count").value_or(0),
+                 attributes_.number(base + "event_count").value_or(0)};
         // Names repeat (one per device instance): the directory keeps them apart.
         now[source] = c;
         // A new log begins with the ranking since boot; every sample ranks its interval.
         if (everything) {
             if (c.activeMs > 0 || c.wakeups > 0)
-                held.push_back({jx::fieldText(*name), c, jx::readKernelNumber(base + "max_time_ms").value_or(0)});
+                held.push_back({jx::fieldText(*name), c, attributes_.number(base + "max_time_ms").value_or(0)});
             continue;
         }
         auto before = last_.find(source);
@@ -48,8 +50,9 @@ void JXWakeupSourceLogger::write(bool everything) {
         // A source that went and came back under the same number starts again.
         if (d.activeMs < 0 || d.wakeups < 0 || d.events < 0) continue;
         if (d.activeMs > 0 || d.wakeups > 0)
-            held.push_back({jx::fieldText(*name), d, jx::readKernelNumber(base + "max_time_ms").value_or(0)});
+            held.push_back({jx::fieldText(*name), d, attributes_.number(base + "max_time_ms").value_or(0)});
     }
+    attributes_.sweep();
     if (now.empty()) nothing_.say("JXWakeupSourceLogger: no wake-up source under " + dir);
     last_ = std::move(now);
 

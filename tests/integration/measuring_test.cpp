@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <regex>
@@ -121,6 +122,41 @@ TEST_F(MeasuringTest, AWakeupSourceThatHeldTheSystemIsRanked) {
     EXPECT_TRUE(waitFor([&] {
         return !lineWith("[WakeupSource] rank=1; scope=interval; name=alarmtimer.0.auto; active_ms=500; wakeups=2; events=2; max_active_ms=40;").empty();
     })) << root.readFile(kLog);
+    stop();
+}
+
+// A suspend the kernel counted, with no login manager to say so: the wake-up source
+// whose count grew woke it, and its account holds the battery before and after and
+// the drain over the span between the two readings.
+TEST_F(MeasuringTest, ASuspendIsAccountedWithItsDrainAndWhatWokeIt) {
+    if (access(kUmockdevRun.c_str(), X_OK) != 0) GTEST_SKIP() << "umockdev missing";
+    const std::string battery = "/devices/LNXSYSTM:00/PNP0C0A:00/power_supply/BAT0";
+    const std::string lid = "/devices/LNXSYSTM:00/PNP0C0D:00/wakeup/wakeup3";
+    start("JXSleepWakeLogger", "P: " + battery + "\nE: SUBSYSTEM=power_supply\nA: type=Battery\nA: present=1\n"
+          "A: status=Discharging\nA: energy_now=50000000\n\nP: " + lid + "\nE: SUBSYSTEM=wakeup\nA: name=PNP0C0D:00\n"
+          "A: wakeup_count=5\nA: last_change_ms=100\n");
+    // The kernel's statistics, then a triggered sample, which finds them.
+    std::filesystem::create_directories(testbed + "/sys/power/suspend_stats");
+    set("/power/suspend_stats/success", "2\n");
+    ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("[Config]") != std::string::npos; })) << tail(daemon->err());
+    ::kill(std::stoi(root.readFile("/pid")), SIGUSR1);
+    ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("state=signal(10)") != std::string::npos; }));
+    // The lid woke it, 1 Wh lower.
+    set(battery + "/energy_now", "49000000");
+    set(lid + "/wakeup_count", "6");
+    set(lid + "/last_change_ms", "900");
+    set("/power/suspend_stats/success", "3\n");
+    ASSERT_TRUE(waitFor([&] { return !lineWith("[Suspend] ").empty(); })) << root.readFile(kLog) << tail(daemon->err());
+    const std::string line = lineWith("[Suspend] ");
+    EXPECT_NE(root.readFile(kLog).find("[Wake] reason=PNP0C0D:00;"), std::string::npos);
+    EXPECT_NE(line.find(" energy_before_mwh=50000; energy_after_mwh=49000; drain_mw="), std::string::npos) << line;
+    EXPECT_NE(line.find(" woken_by=PNP0C0D:00; accounting=suspend_stats;"), std::string::npos) << line;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(line, m, std::regex(R"(drain_mw=([\d.]+);.* span_s=([\d.]+);)"))) << line;
+    // 1000 mWh over the span, to the tenth of a mW it is written with and the
+    // millisecond of the span.
+    const double span = std::stod(m[2]);
+    EXPECT_NEAR(std::stod(m[1]), 1000 * 3600 / span, 0.051 + 1000 * 3600 / span / span * 0.001) << line;
     stop();
 }
 

@@ -93,6 +93,11 @@ protected:
         put(base + "last_change_ms", std::to_string(changedMs) + "\n");
     }
     std::string stamped(const std::string& tag, std::size_t n) { return lines(tag, true).at(n); }
+    void battery(const std::string& attribute, long long value) {
+        put("/sys/class/power_supply/BAT0/type", "Battery\n");
+        put("/sys/class/power_supply/BAT0/" + attribute, std::to_string(value) + "\n");
+    }
+    jxtest::FakeClock clock;
     std::shared_ptr<JXSleepWakeLogger> logger = std::make_shared<JXSleepWakeLogger>(sys());
     PostProcessorPatterns patterns;
 };
@@ -104,6 +109,8 @@ TEST_F(SleepWakeTest, FollowsTheLoginManagerAndLogsTheSleepBeforeLettingTheDevic
     ASSERT_TRUE(manager.ready());
     source(0, "rtc0", 3, 100);
     source(1, "PNP0C0D:00", 5, 50);
+    battery("energy_now", 50000000);  // µWh
+    clock.setNow(jx::Date{1795000000});
     logger->loggerSerialQueue().sync([&] { logger->log(); });
     ASSERT_TRUE(logger->followsLoginManager());
     EXPECT_EQ(logger->samplePeriod(), 0) << "no timer while the login manager says when";
@@ -117,9 +124,18 @@ TEST_F(SleepWakeTest, FollowsTheLoginManagerAndLogsTheSleepBeforeLettingTheDevic
     EXPECT_TRUE(lines("Wake").empty());
 
     source(1, "PNP0C0D:00", 6, 900);  // the lid woke it
+    clock.suspend(3598);
+    clock.setNow(jx::Date{1795003600});  // two seconds awake on the way in and out
+    battery("energy_now", 49000000);
     manager.prepareForSleep(false);
-    ASSERT_TRUE(waitFor([&] { return lines("Wake").size() == 1; }));
+    ASSERT_TRUE(waitFor([&] { return lines("Suspend").size() == 1; }));
     EXPECT_EQ(lines("Wake")[0], "[Wake] reason=PNP0C0D:00;");
+    // 1000 mWh in an hour.
+    EXPECT_EQ(lines("Suspend")[0],
+              "[Suspend] began_utc_s=1795000000.000; ended_utc_s=1795003600.000; duration_s=3600.000; "
+              "suspended_s=3598.000; energy_before_mwh=50000; energy_after_mwh=49000; drain_mw=1000; "
+              "span_s=3600.000; woken_by=PNP0C0D:00; accounting=login_manager;");
+    EXPECT_EQ(patterns.rowFor(stamped("Suspend", 0)), "") << "the post-processor reads no [Suspend] entry";
     ASSERT_TRUE(waitFor([&] { return manager.inhibitCalls() == 2; }));  // a lock for the next sleep
     EXPECT_FALSE(manager.released(1));
 
@@ -178,20 +194,41 @@ TEST_F(SleepWakeWithoutBusTest, ASuspendCountedSinceTheLastLookIsASleepAndAWake)
     put("/sys/power/suspend_stats/success", "3\n");
     source(0, "rtc0", 1, 100);
     source(1, "alarmtimer.0.auto", 0, 0);
+    // A phone's gauge: charge and voltage only.
+    battery("charge_now", 3000000);   // µAh
+    battery("voltage_now", 3800000);  // µV
+    clock.setNow(jx::Date{1795000000});
     logger->loggerSerialQueue().sync([&] { logger->log(); });
     EXPECT_FALSE(logger->followsLoginManager());
     EXPECT_EQ(logger->samplePeriod(), 60);
     logger->logChanges();
     EXPECT_TRUE(lines("Sleep").empty());
 
+    // Seen at the next look: a suspend of 600 s in a span of 660 s, the charge 10 mAh
+    // lower (38 mWh at 3.8 V).
+    clock.setNow(jx::Date{1795000060});
+    clock.suspend(600);
+    battery("charge_now", 2990000);
     put("/sys/power/suspend_stats/success", "4\n");
     source(0, "rtc0", 2, 5000);
     logger->logChanges();
-    put("/sys/power/suspend_stats/success", "5\n");
+    EXPECT_EQ(lines("Suspend"),
+              std::vector<std::string>{"[Suspend] began_utc_s=1795000060.000; ended_utc_s=1795000660.000; duration_s=600.000; "
+                                       "suspended_s=600.000; energy_before_mwh=11400; energy_after_mwh=11362; drain_mw=207.3; "
+                                       "charge_before_mah=3000; charge_after_mah=2990; span_s=660.000; woken_by=rtc0; "
+                                       "accounting=suspend_stats;"});
+    // Two suspends since the last look, the second counted late: one account for both.
+    clock.suspend(30);
+    logger->logChanges();
+    clock.suspend(30);
+    put("/sys/power/suspend_stats/success", "6\n");
     put("/sys/power/pm_wakeup_irq", "42\n");  // no source counted this one
     logger->logChanges();
     EXPECT_EQ(lines("Sleep"), (std::vector<std::string>{"[Sleep] event=did_sleep;", "[Sleep] event=did_sleep;"}));
     EXPECT_EQ(lines("Wake"), (std::vector<std::string>{"[Wake] reason=rtc0;", "[Wake] reason=irq_42;"}));
+    ASSERT_EQ(lines("Suspend").size(), 2u);
+    EXPECT_NE(lines("Suspend")[1].find(" suspended_s=60.000; suspends=2;"), std::string::npos) << lines("Suspend")[1];
+    EXPECT_NE(lines("Suspend")[1].find(" woken_by=irq_42; wakeup_irq=42;"), std::string::npos) << lines("Suspend")[1];
     EXPECT_EQ(patterns.eventFor(stamped("Wake", 1)), "APSleepStatus=awake;reason=irq_42");
     EXPECT_EQ(log.countContaining("JXSleepWakeLogger"), 0u);
 }

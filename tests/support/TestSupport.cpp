@@ -109,6 +109,17 @@ void FakeClock::setNow(jx::Date d) {
     now_ = d;
 }
 
+double FakeClock::suspendedSeconds() {
+    std::lock_guard lock(mutex_);
+    return suspended_;
+}
+
+void FakeClock::suspend(double seconds) {
+    std::lock_guard lock(mutex_);
+    now_.secondsSince1970 += seconds;
+    suspended_ += seconds;
+}
+
 std::vector<std::uint64_t> FakeClock::sleepsMicroseconds() const {
     std::lock_guard lock(mutex_);
     return sleeps_;

@@ -57,12 +57,16 @@ public:
     void sleepSeconds(unsigned seconds) override;
     void sleepMicroseconds(std::uint64_t microseconds) override;
     void setNow(jx::Date d);
+    double suspendedSeconds() override;
+    // A suspend of that long: the present moves on, and so does the time suspended.
+    void suspend(double seconds);
     std::vector<std::uint64_t> sleepsMicroseconds() const;
 
 private:
     mutable std::mutex mutex_;
     jx::Date now_ = jx::Date::now();  // the present, moved on by sleeps and setNow
     std::vector<std::uint64_t> sleeps_;
+    double suspended_ = 0;
 };
 
 // Records posts and delivers them, in this process only, to the observers of the
