@@ -31,6 +31,7 @@
 #include "platform/Root.h"
 
 int bbpowerCommand(const std::vector<std::string>& args);
+int logCommand(const std::vector<std::string>& args);
 
 namespace {
 
@@ -55,6 +56,13 @@ const char* const kUsage =
     "                                      when S seconds pass first (default: no limit)\n"
     "  bbpower [DIR] [--notify]            one baseband power analysis of DIR (default: the\n"
     "                                      crash-report directory); says where its results went\n"
+    "  log [--since T] [--until T] [--tag TAG]... [-f] [-o text|json|csv]\n"
+    "                                      the logs (current, rolled, archived) in time order;\n"
+    "                                      T is local 'YYYY-MM-DD HH:MM[:SS]', ISO 8601 with Z\n"
+    "                                      or an offset, or -2h, -30m, -1d; -f follows the\n"
+    "                                      current log across rolls; json: one object a line\n"
+    "                                      (UTC time, tag, fields); csv: time,tag,field,value,\n"
+    "                                      guessed, one row per field\n"
     "options:\n"
     "  --root DIR        take every fixed path under DIR (default: $JOULIX_ROOT, else /)\n"
     "  --domain DOMAIN   the settings domain (a reverse-DNS name; default com.brindle.joulix)\n"
@@ -487,5 +495,6 @@ int main(int argc, char** argv) {
     }
     if (command == "wait") return waitCommand(rest);
     if (command == "bbpower") return bbpowerCommand(rest);
+    if (command == "log") return logCommand(rest);
     return usageError("unknown command '" + command + "'");
 }
