@@ -26,14 +26,17 @@ else
 fi
 sleep 10
 ticks() { awk '{print $14 + $15}' "/proc/$pid/stat"; }
-switches() { cat /proc/"$pid"/task/*/status | awk '/voluntary_ctxt_switches/ {s += $2} END {print s}'; }
-t0=$(ticks); c0=$(switches)
+# A thread's voluntary switches are its sleeps, so its wake-ups; involuntary ones are
+# the scheduler taking the core from it while it runs.
+switches() { cat /proc/"$pid"/task/*/status | awk '/^voluntary_ctxt_switches/ {s += $2} END {print s}'; }
+preempted() { cat /proc/"$pid"/task/*/status | awk '/^nonvoluntary_ctxt_switches/ {s += $2} END {print s}'; }
+t0=$(ticks); c0=$(switches); p0=$(preempted)
 sleep "$seconds"
-t1=$(ticks); c1=$(switches)
+t1=$(ticks); c1=$(switches); p1=$(preempted)
 hz=$(getconf CLK_TCK)
 echo "threads: $(ls /proc/$pid/task | wc -l)"
 echo "cpu: $((t1 - t0)) ticks of 1/$hz s in $seconds s ($(awk -v t=$((t1 - t0)) -v hz="$hz" -v s="$seconds" 'BEGIN {printf "%.4f", t / hz / s * 100}') % of one core)"
-echo "context switches: $((c1 - c0)) in $seconds s"
+echo "wake-ups (voluntary context switches): $((c1 - c0)) in $seconds s ($(awk -v c=$((c1 - c0)) -v s="$seconds" 'BEGIN {printf "%.2f", c / s}') a second); preempted: $((p1 - p0))"
 log="$root/var/mobile/Library/Logs/CurrentJoulix.joulix"
 echo "log: $(wc -c <"$log") bytes; entries by tag:"
 sed -n 's/^[^[]*\[\([^]]*\)\].*/\1/p' "$log" | sort | uniq -c | sort -rn | head -20
