@@ -162,17 +162,32 @@ FileDescriptor openRegularFile(const std::string& path, int flags, mode_t mode, 
     return openRegularFileAt(at->dir.get(), at->name, flags, mode, why);
 }
 
-bool removeAt(int dir, const std::string& name) {
+namespace {
+
+// Deeper than any tree the daemon makes: a chain of directories planted at a file's
+// name is left in place (and the removal fails) rather than walked until the stack
+// runs out.
+constexpr int kDeepestRemoval = 32;
+
+bool removeBelow(int dir, const std::string& name, int depth) {
     struct stat st {};
     if (::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
     if (!S_ISDIR(st.st_mode)) return ::unlinkat(dir, name.c_str(), 0) == 0 || errno == ENOENT;
+    if (depth > kDeepestRemoval) {
+        errno = ELOOP;
+        return false;
+    }
     FileDescriptor child(::openat(dir, name.c_str(), kDirectoryFlags));
     std::optional<std::vector<Entry>> entries = child.valid() ? entriesOf(child.get()) : std::nullopt;
     if (!entries) return false;
     bool ok = true;
-    for (const Entry& e : *entries) ok = removeAt(child.get(), e.name) && ok;
+    for (const Entry& e : *entries) ok = removeBelow(child.get(), e.name, depth + 1) && ok;
     return ok && (::unlinkat(dir, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT);
 }
+
+}  // namespace
+
+bool removeAt(int dir, const std::string& name) { return removeBelow(dir, name, 0); }
 
 bool removePath(const std::string& path) {
     std::optional<TreeEntry> at = openParentOf(path, false);

@@ -77,6 +77,13 @@ TEST(SafeFiles, RemovingAndWalkingNeverLeaveTheTree) {
     EXPECT_TRUE(fs::exists(root("/outside/kept")));
     EXPECT_EQ(victim.changed(), "");
     EXPECT_TRUE(jx::removePath(root("/tree")));  // nothing there is no failure
+
+    // A planted chain deeper than any tree of ours is left, not walked to the bottom.
+    std::string deep = "/chain";
+    for (int i = 0; i < 40; ++i) deep += "/d";
+    fs::create_directories(root(deep));
+    EXPECT_FALSE(jx::removePath(root("/chain")));
+    EXPECT_TRUE(fs::exists(root("/chain")));
 }
 
 }  // namespace
