@@ -65,7 +65,11 @@ TraceExporter::TraceExporter(std::ostream& out, std::optional<TimeMs> since, std
     std::string text = head.dump();
     text.pop_back();
     out_ << text << ",\"traceEvents\":[";
-    write({{"ph", "M"}, {"name", "process_name"}, {"pid", kPid}, {"tid", kTids[kLog]}, {"ts", 0},
+    write({{"ph", "M"},
+           {"name", "process_name"},
+           {"pid", kPid},
+           {"tid", kTids[kLog]},
+           {"ts", 0},
            {"args", {{"name", "joulix"}}}});
 }
 
@@ -81,9 +85,17 @@ bool TraceExporter::inRange(TimeMs t) const { return (!since_ || t >= *since_) &
 void TraceExporter::name(Track track) {
     if (named_[track]) return;
     named_[track] = true;
-    write({{"ph", "M"}, {"name", "thread_name"}, {"pid", kPid}, {"tid", kTids[track]}, {"ts", 0},
+    write({{"ph", "M"},
+           {"name", "thread_name"},
+           {"pid", kPid},
+           {"tid", kTids[track]},
+           {"ts", 0},
            {"args", {{"name", kTrackNames[track]}}}});
-    write({{"ph", "M"}, {"name", "thread_sort_index"}, {"pid", kPid}, {"tid", kTids[track]}, {"ts", 0},
+    write({{"ph", "M"},
+           {"name", "thread_sort_index"},
+           {"pid", kPid},
+           {"tid", kTids[track]},
+           {"ts", 0},
            {"args", {{"sort_index", static_cast<int>(track)}}}});
 }
 
@@ -103,7 +115,11 @@ void TraceExporter::counter(TimeMs t, const std::string& series, const char* uni
         return;
     }
     seriesLast_.insert_or_assign(last, series, t);
-    write({{"ph", "C"}, {"name", series}, {"pid", kPid}, {"tid", kTids[kLog]}, {"ts", micros(t)},
+    write({{"ph", "C"},
+           {"name", series},
+           {"pid", kPid},
+           {"tid", kTids[kLog]},
+           {"ts", micros(t)},
            {"args", {{unit, *value}}}});
     ++stats_.counters;
 }
@@ -122,8 +138,8 @@ void TraceExporter::slice(Track track, const char* what, TimeMs began, TimeMs en
     if (trackLast_[track]) began = std::max(began, *trackLast_[track]);
     if (ended < began) return;
     name(track);
-    Json e = {{"ph", "X"}, {"name", what}, {"cat", kTrackNames[track]}, {"pid", kPid}, {"tid", kTids[track]},
-              {"ts", micros(began)}, {"dur", micros(ended - began)}};
+    Json e = {{"ph", "X"},           {"name", what},        {"cat", kTrackNames[track]},   {"pid", kPid},
+              {"tid", kTids[track]}, {"ts", micros(began)}, {"dur", micros(ended - began)}};
     if (!args.empty()) e["args"] = std::move(args);
     write(e);
     trackLast_[track] = ended;
@@ -134,7 +150,7 @@ void TraceExporter::instant(Track track, const std::string& what, TimeMs t, Json
     if (!inRange(t)) return;
     if (trackLast_[track]) t = std::max(t, *trackLast_[track]);
     name(track);
-    Json e = {{"ph", "i"},  {"name", what},          {"cat", kTrackNames[track]}, {"pid", kPid},
+    Json e = {{"ph", "i"},           {"name", what},    {"cat", kTrackNames[track]},   {"pid", kPid},
               {"tid", kTids[track]}, {"ts", micros(t)}, {"s", processWide ? "p" : "t"}};
     if (!args.empty()) e["args"] = std::move(args);
     write(e);
@@ -171,7 +187,8 @@ void TraceExporter::suspendEntry(const LogRecord& r) {
     if (began) suspend_->began = began;
     if (ended) suspend_->ended = ended;
     for (const LogField& f : *r.fields)
-        if (f.name != "began_utc_s" && f.name != "ended_utc_s") suspend_->args[std::string(f.name)] = fieldValue(f.value);
+        if (f.name != "began_utc_s" && f.name != "ended_utc_s")
+            suspend_->args[std::string(f.name)] = fieldValue(f.value);
     flushSuspend(r.time);
 }
 

@@ -85,7 +85,7 @@ TEST_F(TraceExportTest, SuspendSlicesFollowTheEntriesAndTheRange) {
     struct Case {
         const char* what;
         std::string log;
-        std::optional<std::int64_t> since, until;  // seconds after kT0
+        std::optional<std::int64_t> since, until;                   // seconds after kT0
         std::vector<std::pair<std::int64_t, std::int64_t>> slices;  // (begin, end), seconds after kT0
         std::size_t wakes;
     };
@@ -95,45 +95,72 @@ TEST_F(TraceExportTest, SuspendSlicesFollowTheEntriesAndTheRange) {
              line(kT0 + 610, "Suspend",
                   "began_utc_s=1795274410.000; ended_utc_s=1795275010.000; duration_s=600.000; drain_mw=150.5; "
                   "woken_by=rtc_alarm; accounting=login_manager;"),
-         {}, {}, {{10, 610}}, 1},
+         {},
+         {},
+         {{10, 610}},
+         1},
         {"a suspend counted after the fact began before its sleep line",
          line(kT0 + 900, "Sleep", "event=did_sleep;") + line(kT0 + 900, "Wake", "reason=wlan;") +
              line(kT0 + 900, "Suspend",
                   "began_utc_s=1795274700.000; ended_utc_s=1795275300.000; duration_s=600.000; suspended_s=600.000; "
                   "woken_by=wlan; accounting=suspend_stats;") +
              line(kT0 + 960, "Display", "active=NO; brightness=0;"),
-         {}, {}, {{300, 900}}, 1},
+         {},
+         {},
+         {{300, 900}},
+         1},
         {"sleep and wake lines alone",
          line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 100, "Wake", "reason=modem;") +
              line(kT0 + 200, "Sleep", "event=did_sleep;") + line(kT0 + 300, "Wake", "reason=modem;"),
-         {}, {}, {{10, 100}, {200, 300}}, 2},
+         {},
+         {},
+         {{10, 100}, {200, 300}},
+         2},
         {"begun before since: cut at since, its wake kept",
          line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 600, "Wake", "reason=rtc_alarm;"),
-         50, {}, {{50, 600}}, 1},
+         50,
+         {},
+         {{50, 600}},
+         1},
         {"a wake before since is left out with its suspend",
          line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 20, "Wake", "reason=rtc_alarm;") +
              line(kT0 + 900, "Display", "active=NO; brightness=0;"),
-         50, {}, {}, 0},
+         50,
+         {},
+         {},
+         0},
         {"still suspended at the end of the logs: cut at their last entry",
          line(kT0 + 10, "Display", "active=NO; brightness=0;") + line(kT0 + 20, "Sleep", "event=did_sleep;") +
              line(kT0 + 30, "Display", "active=NO; brightness=0;"),
-         {}, {}, {{20, 30}}, 0},
+         {},
+         {},
+         {{20, 30}},
+         0},
         {"across the whole range: cut at both edges",
          line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 5000, "Wake", "reason=power_key;"),
-         100, 200, {{100, 200}}, 0},
+         100,
+         200,
+         {{100, 200}},
+         0},
         {"a new start ends a suspend whose wake was never written",
          line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 400, "Log", "state=booting;") +
              line(kT0 + 500, "Wake", "reason=rtc_alarm;"),
-         {}, {}, {{10, 400}}, 1},
+         {},
+         {},
+         {{10, 400}},
+         1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         root.writeFile("/var/mobile/Library/Logs/CurrentJoulix.joulix", clock + c.log);
-        auto at = [](std::optional<std::int64_t> s) { return s ? std::optional<TimeMs>((kT0 + *s) * 1000) : std::nullopt; };
+        auto at = [](std::optional<std::int64_t> s) {
+            return s ? std::optional<TimeMs>((kT0 + *s) * 1000) : std::nullopt;
+        };
         const Exported e = exportRoot(at(c.since), at(c.until));
         std::vector<std::pair<std::int64_t, std::int64_t>> got;
         if (e.summary.slices.contains("suspend"))
-            for (auto [ts, dur] : e.summary.slices.at("suspend")) got.emplace_back(ts - microsAt(kT0), ts + dur - microsAt(kT0));
+            for (auto [ts, dur] : e.summary.slices.at("suspend"))
+                got.emplace_back(ts - microsAt(kT0), ts + dur - microsAt(kT0));
         std::vector<std::pair<std::int64_t, std::int64_t>> want;
         for (auto [b, end] : c.slices) want.emplace_back(b * 1000000, end * 1000000);
         EXPECT_EQ(got, want);
@@ -142,17 +169,18 @@ TEST_F(TraceExportTest, SuspendSlicesFollowTheEntriesAndTheRange) {
 }
 
 TEST_F(TraceExportTest, SuspendEntryCarriesItsDrainAndIsNotCountedTwice) {
-    root.writeFile("/var/mobile/Library/Logs/CurrentJoulix.joulix",
-                   line(kT0, "Clock", "utc_s=1795274400.000; offset_s=0; zone=UTC; reason=new_log;") +
-                       line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 610, "Wake", "reason=rtc_alarm;") +
-                       line(kT0 + 611, "Clock", "utc_s=1795275011.000; offset_s=0; zone=UTC; reason=resume;") +
-                       line(kT0 + 611, "Suspend",
-                            "began_utc_s=1795274410.000; ended_utc_s=1795275010.000; energy_before_mwh=30000; "
-                            "energy_after_mwh=29975; drain_mw=150; woken_by=rtc_alarm; wakeup_irq=9; "
-                            "accounting=login_manager;") +
-                       // Written again by a daemon restarted just after: the same suspend.
-                       line(kT0 + 630, "Suspend",
-                            "began_utc_s=1795274410.000; ended_utc_s=1795275010.000; drain_mw=150; woken_by=rtc_alarm;"));
+    root.writeFile(
+        "/var/mobile/Library/Logs/CurrentJoulix.joulix",
+        line(kT0, "Clock", "utc_s=1795274400.000; offset_s=0; zone=UTC; reason=new_log;") +
+            line(kT0 + 10, "Sleep", "event=did_sleep;") + line(kT0 + 610, "Wake", "reason=rtc_alarm;") +
+            line(kT0 + 611, "Clock", "utc_s=1795275011.000; offset_s=0; zone=UTC; reason=resume;") +
+            line(kT0 + 611, "Suspend",
+                 "began_utc_s=1795274410.000; ended_utc_s=1795275010.000; energy_before_mwh=30000; "
+                 "energy_after_mwh=29975; drain_mw=150; woken_by=rtc_alarm; wakeup_irq=9; "
+                 "accounting=login_manager;") +
+            // Written again by a daemon restarted just after: the same suspend.
+            line(kT0 + 630, "Suspend",
+                 "began_utc_s=1795274410.000; ended_utc_s=1795275010.000; drain_mw=150; woken_by=rtc_alarm;"));
     const Exported e = exportRoot();
     ASSERT_EQ(e.summary.slices.at("suspend").size(), 1u);
     const nlohmann::json* slice = nullptr;
@@ -167,14 +195,15 @@ TEST_F(TraceExportTest, SuspendEntryCarriesItsDrainAndIsNotCountedTwice) {
 // A log from before the measuring loggers, and values that read as no number: still a
 // valid trace, with only the tracks the log has.
 TEST_F(TraceExportTest, OlderLogsAndOddValuesGiveFewerTracks) {
-    root.writeFile("/var/mobile/Library/Logs/CurrentJoulix.joulix",
-                   "11/21/2026 15:20:00.000 [Joulix] Version=6.01; Build=12 (6.1.0-27); File_GUID=A-B; pid=7;\n"
-                   "11/21/2026 15:20:00.001 [Log] state=new;\n"
-                   "11/21/2026 15:20:00.002 [Battery] name=BAT0; level=57; status=Discharging;\n"
-                   "11/21/2026 15:20:00.003 [Display] active=YES; brightness=(null);\n"
-                   "11/21/2026 15:21:00.000 [BatteryPower] name=BAT0; power_mw=nan; energy_mwh=inf; status=Discharging;\n"
-                   "11/21/2026 15:21:00.001 [Thermal] zone=x86_pkg_temp; temperature=(null);\n"
-                   "11/21/2026 15:22:00.000 [Display] active=NO; brightness=0;\n");
+    root.writeFile(
+        "/var/mobile/Library/Logs/CurrentJoulix.joulix",
+        "11/21/2026 15:20:00.000 [Joulix] Version=6.01; Build=12 (6.1.0-27); File_GUID=A-B; pid=7;\n"
+        "11/21/2026 15:20:00.001 [Log] state=new;\n"
+        "11/21/2026 15:20:00.002 [Battery] name=BAT0; level=57; status=Discharging;\n"
+        "11/21/2026 15:20:00.003 [Display] active=YES; brightness=(null);\n"
+        "11/21/2026 15:21:00.000 [BatteryPower] name=BAT0; power_mw=nan; energy_mwh=inf; status=Discharging;\n"
+        "11/21/2026 15:21:00.001 [Thermal] zone=x86_pkg_temp; temperature=(null);\n"
+        "11/21/2026 15:22:00.000 [Display] active=NO; brightness=0;\n");
     const Exported e = exportRoot();
     EXPECT_EQ(e.summary.threads, (std::set<std::string>{"log", "screen"}));
     std::set<std::string> counters;
@@ -187,11 +216,12 @@ TEST_F(TraceExportTest, OlderLogsAndOddValuesGiveFewerTracks) {
 
 // Before since, each series' last value is drawn from the range's start.
 TEST_F(TraceExportTest, SeriesStartAtSinceWithTheirValueThen) {
-    root.writeFile("/var/mobile/Library/Logs/CurrentJoulix.joulix",
-                   line(kT0, "Clock", "utc_s=1795274400.000; offset_s=0; zone=UTC; reason=new_log;") +
-                       line(kT0 + 60, "BatteryPower", "name=BAT0; power_mw=-900; energy_mwh=30000; status=Discharging;") +
-                       line(kT0 + 120, "BatteryPower", "name=BAT0; power_mw=-800; energy_mwh=29985; status=Discharging;") +
-                       line(kT0 + 180, "BatteryPower", "name=BAT0; power_mw=-700; energy_mwh=29972; status=Discharging;"));
+    root.writeFile(
+        "/var/mobile/Library/Logs/CurrentJoulix.joulix",
+        line(kT0, "Clock", "utc_s=1795274400.000; offset_s=0; zone=UTC; reason=new_log;") +
+            line(kT0 + 60, "BatteryPower", "name=BAT0; power_mw=-900; energy_mwh=30000; status=Discharging;") +
+            line(kT0 + 120, "BatteryPower", "name=BAT0; power_mw=-800; energy_mwh=29985; status=Discharging;") +
+            line(kT0 + 180, "BatteryPower", "name=BAT0; power_mw=-700; energy_mwh=29972; status=Discharging;"));
     const Exported e = exportRoot((kT0 + 150) * 1000, (kT0 + 170) * 1000);
     EXPECT_EQ(e.summary.counters.at("battery BAT0 power"),
               (std::vector<std::pair<std::int64_t, double>>{{microsAt(kT0 + 150), -800}}));

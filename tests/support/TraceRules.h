@@ -15,12 +15,12 @@ namespace jxtest {
 struct TraceSummary {
     std::vector<std::string> problems;  // empty when every rule holds
     std::size_t events = 0;
-    std::set<std::string> threads;                                            // thread_name metadata
+    std::set<std::string> threads;                                                     // thread_name metadata
     std::map<std::string, std::vector<std::pair<std::int64_t, std::int64_t>>> slices;  // name: (ts, dur) µs
-    std::map<std::string, std::vector<std::int64_t>> instants;                // name: ts µs
+    std::map<std::string, std::vector<std::int64_t>> instants;                         // name: ts µs
     std::map<std::string, std::uint64_t> wakeReasons;
     std::map<std::string, std::vector<std::pair<std::int64_t, double>>> counters;  // name: (ts µs, value)
-    std::int64_t minTs = INT64_MAX, maxTs = INT64_MIN;                       // of all but metadata
+    std::int64_t minTs = INT64_MAX, maxTs = INT64_MIN;                             // of all but metadata
 };
 
 inline TraceSummary checkTrace(const nlohmann::json& doc) {
@@ -35,9 +35,9 @@ inline TraceSummary checkTrace(const nlohmann::json& doc) {
     if (doc.contains("displayTimeUnit") && doc["displayTimeUnit"] != "ms" && doc["displayTimeUnit"] != "ns")
         s.problems.push_back("displayTimeUnit is neither ms nor ns");
     using Thread = std::pair<std::int64_t, std::int64_t>;
-    std::map<Thread, std::vector<std::string>> open;     // B without E
-    std::map<Thread, std::int64_t> threadLast;           // ts of the last timed event
-    std::map<Thread, std::int64_t> sliceEnd;             // end of the last complete slice
+    std::map<Thread, std::vector<std::string>> open;  // B without E
+    std::map<Thread, std::int64_t> threadLast;        // ts of the last timed event
+    std::map<Thread, std::int64_t> sliceEnd;          // end of the last complete slice
     std::map<std::pair<std::int64_t, std::string>, std::int64_t> counterLast;
     const nlohmann::json& events = doc["traceEvents"];
     s.events = events.size();
@@ -49,16 +49,20 @@ inline TraceSummary checkTrace(const nlohmann::json& doc) {
         }
         bool complete = true;
         for (const char* key : {"ph", "name"})
-            if (!e.contains(key) || !e[key].is_string()) problem(i, std::string("no string '") + key + "'"), complete = false;
+            if (!e.contains(key) || !e[key].is_string())
+                problem(i, std::string("no string '") + key + "'"), complete = false;
         for (const char* key : {"ts", "pid", "tid"})
-            if (!e.contains(key) || !e[key].is_number()) problem(i, std::string("no number '") + key + "'"), complete = false;
+            if (!e.contains(key) || !e[key].is_number())
+                problem(i, std::string("no number '") + key + "'"), complete = false;
         if (!complete) continue;
         const std::string ph = e["ph"], name = e["name"];
         const std::int64_t ts = e["ts"].get<std::int64_t>();
         const Thread thread{e["pid"].get<std::int64_t>(), e["tid"].get<std::int64_t>()};
         if (ph == "M") {
-            if (!e.contains("args") || !e["args"].is_object()) problem(i, "metadata without args");
-            else if ((name == "thread_name" || name == "process_name") && !e["args"].value("name", nlohmann::json()).is_string())
+            if (!e.contains("args") || !e["args"].is_object())
+                problem(i, "metadata without args");
+            else if ((name == "thread_name" || name == "process_name") &&
+                     !e["args"].value("name", nlohmann::json()).is_string())
                 problem(i, name + " without a name");
             else if (name == "thread_name")
                 s.threads.insert(e["args"]["name"].get<std::string>());
@@ -101,8 +105,10 @@ inline TraceSummary checkTrace(const nlohmann::json& doc) {
         } else if (ph == "B") {
             open[thread].push_back(name);
         } else if (ph == "E") {
-            if (open[thread].empty()) problem(i, "E without its B");
-            else open[thread].pop_back();
+            if (open[thread].empty())
+                problem(i, "E without its B");
+            else
+                open[thread].pop_back();
         } else if (ph == "i" || ph == "I") {
             if (e.contains("s") && e["s"] != "g" && e["s"] != "p" && e["s"] != "t") problem(i, "instant of no scope");
             s.instants[name].push_back(ts);
