@@ -32,6 +32,7 @@
 
 int bbpowerCommand(const std::vector<std::string>& args);
 int logCommand(const std::vector<std::string>& args);
+int exportCommand(const std::vector<std::string>& args);
 
 namespace {
 
@@ -63,6 +64,10 @@ const char* const kUsage =
     "                                      current log across rolls; json: one object a line\n"
     "                                      (UTC time, tag, fields); csv: time,tag,field,value,\n"
     "                                      guessed, one row per field\n"
+    "  export --trace FILE [--since T] [--until T]\n"
+    "                                      the logs as a trace-event JSON file (- for standard\n"
+    "                                      output) for trace viewers: counters, screen-on,\n"
+    "                                      suspend and charging slices, wakes\n"
     "options:\n"
     "  --root DIR        take every fixed path under DIR (default: $JOULIX_ROOT, else /)\n"
     "  --domain DOMAIN   the settings domain (a reverse-DNS name; default com.brindle.joulix)\n"
@@ -496,5 +501,6 @@ int main(int argc, char** argv) {
     if (command == "wait") return waitCommand(rest);
     if (command == "bbpower") return bbpowerCommand(rest);
     if (command == "log") return logCommand(rest);
+    if (command == "export") return exportCommand(rest);
     return usageError("unknown command '" + command + "'");
 }

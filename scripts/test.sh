@@ -11,6 +11,14 @@ echo "== build and test"
 scripts/build.sh build -DJOULIX_BUILD_TESTS=ON -DJOULIX_BUILD_BENCH=ON
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== the trace export of a real log loads as strict JSON"
+trace=$(mktemp -d)
+build/daemon/joulix --root "$trace" --once 2>/dev/null
+build/daemon/joulixctl --root "$trace" export --trace "$trace/trace.json"
+# parse_constant: NaN and Infinity are Python's, not JSON's.
+python3 -c 'import json,sys; d=json.load(open(sys.argv[1]), parse_constant=lambda c: sys.exit("not JSON: "+c)); assert d["traceEvents"], "no events"' "$trace/trace.json"
+rm -rf "$trace"
+
 echo "== plug-in SDK: install to a scratch prefix, build the example against it"
 sdk=$(mktemp -d)
 trap 'rm -rf "$sdk"' EXIT
