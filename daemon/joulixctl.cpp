@@ -32,6 +32,7 @@
 
 int bbpowerCommand(const std::vector<std::string>& args);
 int logCommand(const std::vector<std::string>& args);
+int reportCommand(const std::vector<std::string>& args);
 
 namespace {
 
@@ -63,6 +64,12 @@ const char* const kUsage =
     "                                      current log across rolls; json: one object a line\n"
     "                                      (UTC time, tag, fields); csv: time,tag,field,value,\n"
     "                                      guessed, one row per field\n"
+    "  report [--since T] [--until T] [-o FILE.html|-] [--json] [--wake-loop S]\n"
+    "                                      where the battery went over the logs: drain by\n"
+    "                                      screen, suspend and charging, per day, wakes by\n"
+    "                                      reason, wake loops (wakes under S s apart, 60), who\n"
+    "                                      kept it awake; a summary, JSON, or one self-contained\n"
+    "                                      HTML page with timelines (-o -: to standard output)\n"
     "options:\n"
     "  --root DIR        take every fixed path under DIR (default: $JOULIX_ROOT, else /)\n"
     "  --domain DOMAIN   the settings domain (a reverse-DNS name; default com.brindle.joulix)\n"
@@ -496,5 +503,6 @@ int main(int argc, char** argv) {
     if (command == "wait") return waitCommand(rest);
     if (command == "bbpower") return bbpowerCommand(rest);
     if (command == "log") return logCommand(rest);
+    if (command == "report") return reportCommand(rest);
     return usageError("unknown command '" + command + "'");
 }
