@@ -29,8 +29,8 @@ std::string localDate(TimeMs utc, std::int32_t offset) {
     return out;
 }
 
-Usage& usageOf(std::map<std::string, Usage>& usage, std::string_view name) {
-    auto it = usage.find(std::string(name));
+Usage& usageOf(UsageMap& usage, std::string_view name) {
+    auto it = usage.find(name);
     if (it != usage.end()) return it->second;
     if (usage.size() >= kMaxNames) return usage["(other)"];
     return usage[std::string(name)];
@@ -58,10 +58,12 @@ public:
                 r_.first = rec.time;
             }
             r_.last = std::max(r_.last, rec.time);
-            ++r_.tags[std::string(rec.tag)];
+            if (auto it = r_.tags.find(rec.tag); it != r_.tags.end()) ++it->second;
+            else r_.tags.emplace(std::string(rec.tag), 1);
             if (rec.guessed) r_.guessedTimes = true;
-            if (rec.source != source_) {
-                source_ = rec.source;
+            // The reader hands each file's records with that file's source.
+            if (rec.source && rec.source->path != sourcePath_) {
+                sourcePath_ = rec.source->path;
                 ++r_.logs;
             }
         }
@@ -203,6 +205,17 @@ private:
         if (s == PowerState::Charging && screenOn_) addState(r_.series.screenOn, from, t);
     }
 
+    // The local day of t; the last one looked up is kept, as most spans fall in it.
+    DayFigures& dayOf(TimeMs t) {
+        const TimeMs local = t + offset_ * 1000LL;
+        const std::int64_t day = local >= 0 ? local / 86400000 : (local - 86399999) / 86400000;
+        if (!day_ || day != dayIndex_) {
+            dayIndex_ = day;
+            day_ = &r_.days[localDate(t, offset_)];
+        }
+        return *day_;
+    }
+
     // A span's time and energy (positive: drained) over the local days it touches.
     void spreadOverDays(TimeMs from, TimeMs to, std::optional<PowerState> s, double drainedMwh) {
         const double total = static_cast<double>(to - from);
@@ -211,7 +224,7 @@ private:
             const TimeMs local = at + offset_ * 1000LL;
             const TimeMs midnight = (local / 86400000 + 1) * 86400000 - offset_ * 1000LL;
             const TimeMs end = std::min(to, midnight);
-            DayFigures& d = r_.days[localDate(at, offset_)];
+            DayFigures& d = dayOf(at);
             const double share = static_cast<double>(end - at) / total;
             if (s) d.seconds[static_cast<int>(*s)] += static_cast<double>(end - at) / 1000;
             if (drainedMwh > 0) d.drainedMwh += drainedMwh * share;
@@ -308,7 +321,7 @@ private:
         if (!inRange) return;
         ++r_.wakes;
         if (r_.wakesByReason.size() < kMaxNames || r_.wakesByReason.contains(reason)) ++r_.wakesByReason[reason];
-        ++r_.days[localDate(rec.time, rec.offset)].wakes;
+        ++dayOf(rec.time).wakes;
         if (auto slot = timeline_.slot(rec.time)) r_.series.wakes.add(*slot, reason);
         // A wake soon after the one before continues a loop.
         if (lastWake_ && rec.time - *lastWake_ < o_.wakeLoopSeconds * 1000) {
@@ -442,7 +455,9 @@ private:
     const ReportOptions& o_;
     Timeline timeline_;
     Report r_;
-    const LogSource* source_ = nullptr;
+    std::string sourcePath_;
+    DayFigures* day_ = nullptr;
+    std::int64_t dayIndex_ = 0;
     std::int32_t offset_ = 0;
     std::optional<TimeMs> cursor_;
     bool screenOn_ = false, chargerOnline_ = false, suspended_ = false;
@@ -604,7 +619,7 @@ Report computeReport(LogReader& reader, const ReportOptions& options) {
     return r;
 }
 
-std::vector<std::pair<std::string, Usage>> ranked(const std::map<std::string, Usage>& usage, std::size_t n) {
+std::vector<std::pair<std::string, Usage>> ranked(const UsageMap& usage, std::size_t n) {
     std::vector<std::pair<std::string, Usage>> out(usage.begin(), usage.end());
     std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.second.primary > b.second.primary; });
     if (out.size() > n) out.resize(n);
@@ -739,7 +754,7 @@ nlohmann::ordered_json reportJson(const Report& r, const ReportOptions& o) {
     j["suspend"] = std::move(suspend);
 
     const double awakeMs = r.awakeSeconds() * 1000;
-    auto table = [&](const std::map<std::string, Usage>& usage, const char* primary, const char* secondary,
+    auto table = [&](const UsageMap& usage, const char* primary, const char* secondary,
                      bool share) {
         Json t = Json::array();
         for (const auto& [name, u] : ranked(usage, o.top)) {

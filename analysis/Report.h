@@ -70,6 +70,8 @@ struct Usage {
     std::uint64_t samples = 0;
 };
 
+using UsageMap = std::map<std::string, Usage, std::less<>>;
+
 struct Extremes {
     double min = 0, max = 0, sum = 0;
     std::uint64_t count = 0;
@@ -144,7 +146,7 @@ struct Report {
     bool guessedTimes = false;
     ReadStats stats;
     std::uint64_t logs = 0;
-    std::map<std::string, std::uint64_t> tags;  // entries per tag
+    std::map<std::string, std::uint64_t, std::less<>> tags;  // entries per tag
 
     // Battery
     std::optional<double> fullMwh;  // the battery's full energy
@@ -166,10 +168,10 @@ struct Report {
     std::vector<WakeLoop> wakeLoops;  // the longest, by wakes
 
     // Who kept it awake
-    std::map<std::string, Usage> wakeupSources;  // active ms, wake-ups
-    std::map<std::string, Usage> processes;      // CPU ms, context switches
-    std::map<std::string, Usage> devices;        // runtime-PM active ms ("bus:device")
-    std::map<std::string, Usage> raplZones;      // energy µJ, covered ms ("zone name")
+    UsageMap wakeupSources;  // active ms, wake-ups
+    UsageMap processes;      // CPU ms, context switches
+    UsageMap devices;        // runtime-PM active ms ("bus:device")
+    UsageMap raplZones;      // energy µJ, covered ms ("zone name")
 
     std::map<std::string, Extremes> thermal;  // by zone (type)
     std::map<std::string, Extremes> wifi;     // signal dBm by interface
@@ -188,7 +190,7 @@ struct Report {
 Report computeReport(LogReader& reader, const ReportOptions& options);
 
 // A ranking of a usage map: the first n by the primary measure, then by name.
-std::vector<std::pair<std::string, Usage>> ranked(const std::map<std::string, Usage>& usage, std::size_t n);
+std::vector<std::pair<std::string, Usage>> ranked(const UsageMap& usage, std::size_t n);
 // Wake reasons by count, the most first, then by name.
 std::vector<std::pair<std::string, std::uint64_t>> rankedWakes(const Report& report);
 

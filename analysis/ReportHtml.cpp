@@ -103,7 +103,7 @@ Range rangeOf(const ValueSeries& s, std::optional<Range> fixed) {
         lo -= 1;
     }
     const double pad = (hi - lo) * 0.05;
-    return {lo - pad, hi + pad};
+    return {lo == 0 ? 0 : lo - pad, hi + pad};
 }
 
 std::string svgOpen(const std::string& id, const std::string& title) {
@@ -127,12 +127,16 @@ std::string valueChart(const std::string& id, const std::string& title, const st
     std::string band, line;
     bool open = false;
     *points = 0;
+    // Readings stop while the device sleeps: the line goes on over an hour's gap, not longer.
+    const std::size_t bridge = static_cast<std::size_t>(std::max<TimeMs>(1, 3600000 / axis.width));
+    std::size_t empty = 0;
     for (std::size_t i = 0; i < axis.count && i < s.buckets.size(); ++i) {
         const Bucket& b = s.buckets[i];
         if (!b.count) {
-            open = false;
+            if (++empty > bridge) open = false;
             continue;
         }
+        empty = 0;
         const double x0 = axis.x(static_cast<double>(i)), x1 = axis.x(static_cast<double>(i) + 1);
         const double mean = b.sum / b.count;
         band += "M" + num(x0) + " " + num(r.y(b.max)) + "H" + num(x1) + "V" + num(r.y(b.min)) + "H" + num(x0) + "Z";
