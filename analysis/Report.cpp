@@ -49,7 +49,11 @@ public:
     }
 
     bool record(const LogRecord& rec) {
-        if (o_.until && rec.time > *o_.until) return false;
+        if (o_.until && rec.time > *o_.until) {
+            // The state in force runs on to the range's end.
+            advanceTo(*o_.until);
+            return false;
+        }
         offset_ = rec.offset;
         const bool inRange = !o_.since || rec.time >= *o_.since;
         if (inRange) {
@@ -58,8 +62,10 @@ public:
                 r_.first = rec.time;
             }
             r_.last = std::max(r_.last, rec.time);
-            if (auto it = r_.tags.find(rec.tag); it != r_.tags.end()) ++it->second;
-            else r_.tags.emplace(std::string(rec.tag), 1);
+            if (auto it = r_.tags.find(rec.tag); it != r_.tags.end())
+                ++it->second;
+            else
+                r_.tags.emplace(std::string(rec.tag), 1);
             if (rec.guessed) r_.guessedTimes = true;
             // The reader hands each file's records with that file's source.
             if (rec.source && rec.source->path != sourcePath_) {
@@ -69,23 +75,29 @@ public:
         }
         advanceTo(rec.time);
         const std::string_view tag = rec.tag;
-        if (tag == "BatteryPower") batteryPower(rec, inRange);
-        else if (tag == "Battery") battery(rec, inRange);
+        if (tag == "BatteryPower")
+            batteryPower(rec, inRange);
+        else if (tag == "Battery")
+            battery(rec, inRange);
         else if (tag == "BatteryHealth") {
             if (auto full = rec.number("energy_full_mwh")) fullMwh_ = *full;
         } else if (tag == "Charger") {
             if (auto online = rec.field("online")) chargerOnline_ = *online == "YES";
         } else if (tag == "Display") {
             if (auto active = rec.field("active")) screenOn_ = *active == "YES";
-        } else if (tag == "Sleep") sleep(rec, inRange);
-        else if (tag == "Wake") wake(rec, inRange);
-        else if (tag == "Suspend") suspendRecord(rec, inRange);
+        } else if (tag == "Sleep")
+            sleep(rec, inRange);
+        else if (tag == "Wake")
+            wake(rec, inRange);
+        else if (tag == "Suspend")
+            suspendRecord(rec, inRange);
         else if (tag == "Log") {
             // A daemon start: its first process sample counts since each process began.
             if (rec.field("state") == "booting") skipProcessSample_ = true;
         } else if (!inRange) {
             return true;
-        } else if (tag == "Process") process(rec);
+        } else if (tag == "Process")
+            process(rec);
         else if (tag == "CpuIdle") {
             if (rec.field("state") == "active")
                 if (auto pct = rec.number("residency_pct")) {
@@ -106,7 +118,8 @@ public:
             Usage& u = usageOf(r_.devices, std::string(rec.field("bus").value_or("?")) + ":" + std::string(*device));
             u.primary += rec.number("active_ms").value_or(0);
             ++u.samples;
-        } else if (tag == "Powercap") powercap(rec);
+        } else if (tag == "Powercap")
+            powercap(rec);
         else if (tag == "Thermal") {
             auto t = rec.number("temperature");
             if (!t) return true;
@@ -197,10 +210,17 @@ private:
         if (powerKnown) f.energyMwh += (s == PowerState::Charging ? p : -p) * seconds / 3600;
         spreadOverDays(from, t, s, powerKnown ? -p * seconds / 3600 : 0);
         switch (s) {
-            case PowerState::Suspended: addState(r_.series.suspended, from, t); break;
-            case PowerState::Charging: addState(r_.series.charging, from, t); break;
-            case PowerState::ScreenOn: addState(r_.series.screenOn, from, t); break;
-            case PowerState::ScreenOffAwake: break;
+            case PowerState::Suspended:
+                addState(r_.series.suspended, from, t);
+                break;
+            case PowerState::Charging:
+                addState(r_.series.charging, from, t);
+                break;
+            case PowerState::ScreenOn:
+                addState(r_.series.screenOn, from, t);
+                break;
+            case PowerState::ScreenOffAwake:
+                break;
         }
         if (s == PowerState::Charging && screenOn_) addState(r_.series.screenOn, from, t);
     }
@@ -227,8 +247,10 @@ private:
             DayFigures& d = dayOf(at);
             const double share = static_cast<double>(end - at) / total;
             if (s) d.seconds[static_cast<int>(*s)] += static_cast<double>(end - at) / 1000;
-            if (drainedMwh > 0) d.drainedMwh += drainedMwh * share;
-            else d.chargedMwh -= drainedMwh * share;
+            if (drainedMwh > 0)
+                d.drainedMwh += drainedMwh * share;
+            else
+                d.chargedMwh -= drainedMwh * share;
             at = end;
         }
     }
@@ -492,10 +514,14 @@ public:
 
 const char* powerStateName(PowerState s) {
     switch (s) {
-        case PowerState::ScreenOn: return "screen_on";
-        case PowerState::ScreenOffAwake: return "screen_off_awake";
-        case PowerState::Suspended: return "suspended";
-        case PowerState::Charging: return "charging";
+        case PowerState::ScreenOn:
+            return "screen_on";
+        case PowerState::ScreenOffAwake:
+            return "screen_off_awake";
+        case PowerState::Suspended:
+            return "suspended";
+        case PowerState::Charging:
+            return "charging";
     }
     return "?";
 }
@@ -588,8 +614,10 @@ void WakeSeries::merge() {
         for (auto& [name, n] : reasons[i]) {
             auto& list = out[i / 2];
             auto it = std::find_if(list.begin(), list.end(), [&](const auto& p) { return p.first == name; });
-            if (it != list.end()) it->second += n;
-            else if (list.size() < kReasonsPerBucket) list.emplace_back(name, n);
+            if (it != list.end())
+                it->second += n;
+            else if (list.size() < kReasonsPerBucket)
+                list.emplace_back(name, n);
             else {
                 list.back().first = "other";
                 list.back().second += n;
@@ -621,7 +649,8 @@ Report computeReport(LogReader& reader, const ReportOptions& options) {
 
 std::vector<std::pair<std::string, Usage>> ranked(const UsageMap& usage, std::size_t n) {
     std::vector<std::pair<std::string, Usage>> out(usage.begin(), usage.end());
-    std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.second.primary > b.second.primary; });
+    std::stable_sort(out.begin(), out.end(),
+                     [](const auto& a, const auto& b) { return a.second.primary > b.second.primary; });
     if (out.size() > n) out.resize(n);
     return out;
 }
@@ -661,6 +690,9 @@ nlohmann::ordered_json reportJson(const Report& r, const ReportOptions& o) {
     j["times_guessed"] = r.guessedTimes;
     j["malformed_lines"] = r.stats.malformed;
     j["unreadable_files"] = r.stats.unreadable;
+    Json entries = Json::object();
+    for (const auto& [tag, n] : r.tags) entries[tag] = n;
+    j["entries_per_tag"] = std::move(entries);
 
     Json battery;
     battery["full_mwh"] = optionalNumber(r.fullMwh);
@@ -722,8 +754,8 @@ nlohmann::ordered_json reportJson(const Report& r, const ReportOptions& o) {
     suspend["suspended_share"] =
         logged > 0 ? round3(r.states[static_cast<int>(PowerState::Suspended)].seconds / logged) : 0.0;
     suspend["drain_mw"] = r.suspendDrainMw.count ? Json({{"min", round3(r.suspendDrainMw.min)},
-                                                          {"mean", round3(r.suspendDrainMw.mean())},
-                                                          {"max", round3(r.suspendDrainMw.max)}})
+                                                         {"mean", round3(r.suspendDrainMw.mean())},
+                                                         {"max", round3(r.suspendDrainMw.max)}})
                                                  : Json(nullptr);
     Json tops = Json::array();
     for (const SuspendFigures& f : r.topSuspends)
@@ -754,8 +786,7 @@ nlohmann::ordered_json reportJson(const Report& r, const ReportOptions& o) {
     j["suspend"] = std::move(suspend);
 
     const double awakeMs = r.awakeSeconds() * 1000;
-    auto table = [&](const UsageMap& usage, const char* primary, const char* secondary,
-                     bool share) {
+    auto table = [&](const UsageMap& usage, const char* primary, const char* secondary, bool share) {
         Json t = Json::array();
         for (const auto& [name, u] : ranked(usage, o.top)) {
             Json row;
@@ -795,7 +826,9 @@ nlohmann::ordered_json reportJson(const Report& r, const ReportOptions& o) {
     Json bb = Json::array();
     for (const BasebandVerdict& v : r.baseband)
         bb.push_back({{"time", isoUtc(v.time)},
-                      {"verdict", !v.priority ? "unknown" : *v.priority > 0 ? "potential issue" : "no issue"},
+                      {"verdict", !v.priority       ? "unknown"
+                                  : *v.priority > 0 ? "potential issue"
+                                                    : "no issue"},
                       {"priority", v.priority ? Json(*v.priority) : Json(nullptr)},
                       {"threshold_point", v.thresholdPoint ? Json(*v.thresholdPoint) : Json(nullptr)}});
     j["baseband"] = std::move(bb);
@@ -828,8 +861,8 @@ std::string reportText(const Report& r, const ReportOptions& o) {
     std::string out;
     if (!r.first) return "no log entries in the period\n";
     out += fmt("joulix report: %s to %s (%.1f h, %llu log(s))%s\n", j["first"].get<std::string>().c_str(),
-               j["last"].get<std::string>().c_str(), j["hours"].get<double>(),
-               static_cast<unsigned long long>(r.logs), r.guessedTimes ? ", times partly guessed" : "");
+               j["last"].get<std::string>().c_str(), j["hours"].get<double>(), static_cast<unsigned long long>(r.logs),
+               r.guessedTimes ? ", times partly guessed" : "");
 
     const Json& b = j["battery"];
     out += "\nBattery\n";
@@ -846,8 +879,8 @@ std::string reportText(const Report& r, const ReportOptions& o) {
         const Json& st = b["states"][powerStateName(s)];
         const bool c = s == PowerState::Charging;
         const Json& h = st[c ? "hours_to_full" : "hours_to_empty"];
-        out += fmt("  %-18s %9s %7.0f mWh %10s %9s %14s\n", powerStateName(s), hoursText(st["hours"].get<double>()).c_str(),
-                   st[c ? "charged_mwh" : "drained_mwh"].get<double>(),
+        out += fmt("  %-18s %9s %7.0f mWh %10s %9s %14s\n", powerStateName(s),
+                   hoursText(st["hours"].get<double>()).c_str(), st[c ? "charged_mwh" : "drained_mwh"].get<double>(),
                    numberOr(st[c ? "charge_mw" : "drain_mw"], "%.0f mW").c_str(),
                    numberOr(st[c ? "charge_pct_per_hour" : "drain_pct_per_hour"], "%.2f").c_str(),
                    h.is_number() ? hoursText(h.get<double>()).c_str() : "-");
@@ -887,7 +920,8 @@ std::string reportText(const Report& r, const ReportOptions& o) {
                                    row[primary].get<double>() / scale, unit);
             if (row.contains("awake_share") && row["awake_share"].is_number())
                 line += fmt(" %6.1f %% of awake", row["awake_share"].get<double>() * 100);
-            if (secondary && row.contains(secondary)) line += fmt(" %10.0f %s", row[secondary].get<double>(), secondary);
+            if (secondary && row.contains(secondary))
+                line += fmt(" %10.0f %s", row[secondary].get<double>(), secondary);
             out += line + "\n";
         }
     };
@@ -919,7 +953,8 @@ std::string reportText(const Report& r, const ReportOptions& o) {
         for (const Json& v : j["baseband"])
             out += fmt("  %s  %s\n", v["time"].get<std::string>().c_str(), v["verdict"].get<std::string>().c_str());
     }
-    if (r.stats.malformed) out += fmt("\n%llu malformed line(s) skipped\n", static_cast<unsigned long long>(r.stats.malformed));
+    if (r.stats.malformed)
+        out += fmt("\n%llu malformed line(s) skipped\n", static_cast<unsigned long long>(r.stats.malformed));
     return out;
 }
 

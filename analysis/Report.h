@@ -153,7 +153,7 @@ struct Report {
     std::optional<double> lastLevelPct, lastEnergyMwh;
     std::optional<std::string> lastStatus;
     StateFigures states[kPowerStates];
-    double unseenSeconds = 0;  // gaps in the log
+    double unseenSeconds = 0;                // gaps in the log
     std::map<std::string, DayFigures> days;  // by local date "YYYY-MM-DD"
 
     // Suspend

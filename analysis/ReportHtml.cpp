@@ -22,12 +22,23 @@ std::string escape(std::string_view text) {
     out.reserve(text.size());
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            case '\'': out += "&#39;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -115,9 +126,9 @@ std::string svgOpen(const std::string& id, const std::string& title) {
 
 std::string svgClose(const Axis& axis) {
     return "<line class=\"cursor\" x1=\"-10\" x2=\"-10\" y1=\"" + std::to_string(kTop) + "\" y2=\"" +
-           std::to_string(kHeight - kBottom) + "\"/><rect class=\"hover\" x=\"" + std::to_string(kLeft) + "\" y=\"0\" width=\"" +
-           std::to_string(kPlotWidth) + "\" height=\"" + std::to_string(kHeight) + "\" data-buckets=\"" +
-           std::to_string(axis.count) + "\"/></svg></figure>\n";
+           std::to_string(kHeight - kBottom) + "\"/><rect class=\"hover\" x=\"" + std::to_string(kLeft) +
+           "\" y=\"0\" width=\"" + std::to_string(kPlotWidth) + "\" height=\"" + std::to_string(kHeight) +
+           "\" data-buckets=\"" + std::to_string(axis.count) + "\"/></svg></figure>\n";
 }
 
 // A value series: its min-max band and its mean line, broken where there is no data.
@@ -176,7 +187,8 @@ std::string stateChart(const std::string& id, const std::string& title, const St
     out += "<text class=\"scale\" x=\"" + std::to_string(kLeft - 6) + "\" y=\"" + num(r.y(1) + 4) +
            "\">100%</text><text class=\"scale\" x=\"" + std::to_string(kLeft - 6) + "\" y=\"" + num(r.y(0) + 4) +
            "\">0</text>";
-    out += "<path class=\"state state-" + id + "\" d=\"" + bars + "\" data-points=\"" + std::to_string(*points) + "\"/>";
+    out +=
+        "<path class=\"state state-" + id + "\" d=\"" + bars + "\" data-points=\"" + std::to_string(*points) + "\"/>";
     if (wakes) {
         for (std::size_t i = 0; i < axis.count && i < wakes->reasons.size(); ++i) {
             const auto& reasons = wakes->reasons[i];
@@ -188,8 +200,9 @@ std::string stateChart(const std::string& id, const std::string& title, const St
                 text += (text.empty() ? "" : ", ") + escape(reason) + " ×" + std::to_string(count);
             }
             const double x = axis.x(static_cast<double>(i) + 0.5);
-            out += "<g class=\"wake\"><title>" + localLabel(axis.origin + axis.width * static_cast<TimeMs>(i), offset, "%m-%d %H:%M") +
-                   ": " + std::to_string(n) + " wake(s): " + text + "</title><circle cx=\"" + num(x) + "\" cy=\"" +
+            out += "<g class=\"wake\"><title>" +
+                   localLabel(axis.origin + axis.width * static_cast<TimeMs>(i), offset, "%m-%d %H:%M") + ": " +
+                   std::to_string(n) + " wake(s): " + text + "</title><circle cx=\"" + num(x) + "\" cy=\"" +
                    std::to_string(kTop + 4) + "\" r=\"" + num(std::min(6.0, 2.0 + n)) + "\"/></g>";
             ++*points;
         }
@@ -289,10 +302,11 @@ std::string reportHtml(const Report& r, const ReportOptions& o) {
         Json values = Json::array();
         for (std::size_t i = 0; i < axis.count; ++i) {
             const Bucket& b = i < s.buckets.size() ? s.buckets[i] : Bucket{};
-            if (!b.count) values.push_back(nullptr);
+            if (!b.count)
+                values.push_back(nullptr);
             else
-                values.push_back({std::round(b.sum / b.count * 10) / 10, std::round(b.min * 10) / 10,
-                                  std::round(b.max * 10) / 10});
+                values.push_back(
+                    {std::round(b.sum / b.count * 10) / 10, std::round(b.min * 10) / 10, std::round(b.max * 10) / 10});
         }
         series.push_back({{"title", title}, {"unit", unit}, {"kind", "value"}, {"values", std::move(values)}});
     };
@@ -314,8 +328,9 @@ std::string reportHtml(const Report& r, const ReportOptions& o) {
         valueData(title, unit, s);
     };
     auto state = [&](const std::string& id, const std::string& title, const StateSeries& s, const WakeSeries* w) {
-        const bool any = std::any_of(s.ms.begin(), s.ms.end(), [](double v) { return v > 0; }) ||
-                         (w && std::any_of(w->reasons.begin(), w->reasons.end(), [](const auto& v) { return !v.empty(); }));
+        const bool any =
+            std::any_of(s.ms.begin(), s.ms.end(), [](double v) { return v > 0; }) ||
+            (w && std::any_of(w->reasons.begin(), w->reasons.end(), [](const auto& v) { return !v.empty(); }));
         if (!any) {
             missing.push_back(title);
             return;
@@ -345,16 +360,18 @@ std::string reportHtml(const Report& r, const ReportOptions& o) {
                 w += (w.empty() ? "" : ", ") + reason + " ×" + std::to_string(n);
         wakes.push_back(w.empty() ? Json(nullptr) : Json(w));
     }
-    const Json data = {{"left", kLeft},   {"width", kPlotWidth}, {"total", kWidth}, {"count", axis.count},
+    const Json data = {{"left", kLeft},    {"width", kPlotWidth}, {"total", kWidth}, {"count", axis.count},
                        {"labels", labels}, {"series", series},    {"wakes", wakes}};
     // A "</" inside the data would end the script element early.
     std::string dataText = data.dump(-1, ' ', false, Json::error_handler_t::replace);
-    for (std::size_t at = 0; (at = dataText.find("</", at)) != std::string::npos; at += 3) dataText.replace(at, 2, "<\\/");
+    for (std::size_t at = 0; (at = dataText.find("</", at)) != std::string::npos; at += 3)
+        dataText.replace(at, 2, "<\\/");
 
     const Json& b = j["battery"];
     const Json& s = j["suspend"];
     const Json& a = j["awake"];
-    std::string out = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>joulix report</title><style>";
+    std::string out =
+        "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>joulix report</title><style>";
     out += kStyle;
     out += "</style></head><body>\n<h1>Where the power went</h1>\n<p class=\"meta\">";
     if (r.first)
@@ -370,8 +387,9 @@ std::string reportHtml(const Report& r, const ReportOptions& o) {
     };
     card(cell(b["drain_mw"], 0) + " mW", "mean drain off the charger");
     card(cell(b["drain_pct_per_hour"], 2) + " %/h", "battery per hour");
-    card(b["hours_to_empty"].is_number() ? cell(b["hours_to_empty"], 1) + " h"
-                                         : b["hours_to_full"].is_number() ? cell(b["hours_to_full"], 1) + " h to full" : "-",
+    card(b["hours_to_empty"].is_number()  ? cell(b["hours_to_empty"], 1) + " h"
+         : b["hours_to_full"].is_number() ? cell(b["hours_to_full"], 1) + " h to full"
+                                          : "-",
          b["hours_to_full"].is_number() ? "to full, charging" : "to empty from the last reading");
     card(cell(s["suspended_share"], 1, 100) + " %", "of the time suspended");
     card(std::to_string(r.wakes) + " (" + cell(s["wakes_per_hour"], 2) + "/h)", "wakes");
@@ -390,26 +408,31 @@ std::string reportHtml(const Report& r, const ReportOptions& o) {
         const Json& f = b["states"][powerStateName(st)];
         const bool c = st == PowerState::Charging;
         rows.push_back({powerStateName(st), cell(f["hours"], 2), cell(f[c ? "charged_mwh" : "drained_mwh"], 0),
-                        cell(f[c ? "charge_mw" : "drain_mw"], 0), cell(f[c ? "charge_pct_per_hour" : "drain_pct_per_hour"], 2),
+                        cell(f[c ? "charge_mw" : "drain_mw"], 0),
+                        cell(f[c ? "charge_pct_per_hour" : "drain_pct_per_hour"], 2),
                         cell(f[c ? "hours_to_full" : "hours_to_empty"], 1) + (c ? " to full" : "")});
     }
     out += table("By state", {"state", "hours", "mWh", "mW", "%/h", "full↔empty h"}, rows);
     rows.clear();
     for (const Json& d : b["days"])
         rows.push_back({d["date"].get<std::string>(), cell(d["drained_mwh"], 0), cell(d["charged_mwh"], 0),
-                        cell(d["screen_on_hours"], 2), cell(d["screen_off_awake_hours"], 2), cell(d["suspended_hours"], 2),
-                        cell(d["charging_hours"], 2), std::to_string(d["wakes"].get<std::uint64_t>())});
-    out += table("Per day", {"day", "drained mWh", "charged mWh", "screen on h", "screen off h", "suspended h",
-                             "charging h", "wakes"},
-                 rows);
+                        cell(d["screen_on_hours"], 2), cell(d["screen_off_awake_hours"], 2),
+                        cell(d["suspended_hours"], 2), cell(d["charging_hours"], 2),
+                        std::to_string(d["wakes"].get<std::uint64_t>())});
+    out += table(
+        "Per day",
+        {"day", "drained mWh", "charged mWh", "screen on h", "screen off h", "suspended h", "charging h", "wakes"},
+        rows);
     out += "</div><h2>Suspend</h2><div class=\"columns\">";
     rows.clear();
     for (const Json& w : s["wake_reasons"])
-        rows.push_back({w["reason"].get<std::string>(), std::to_string(w["wakes"].get<std::uint64_t>()), cell(w["per_hour"], 2)});
+        rows.push_back(
+            {w["reason"].get<std::string>(), std::to_string(w["wakes"].get<std::uint64_t>()), cell(w["per_hour"], 2)});
     out += table("Wake-ups by reason", {"reason", "wakes", "per hour"}, rows);
     rows.clear();
     for (const Json& t : s["top_drains"])
-        rows.push_back({t["began"].get<std::string>(), cell(t["seconds"], 0), cell(t["drain_mw"], 1), t["woken_by"].get<std::string>()});
+        rows.push_back({t["began"].get<std::string>(), cell(t["seconds"], 0), cell(t["drain_mw"], 1),
+                        t["woken_by"].get<std::string>()});
     if (rows.size() > 15) rows.resize(15);
     out += table("Suspends that drained most", {"began (UTC)", "seconds", "drain mW", "woken by"}, rows);
     rows.clear();
@@ -433,16 +456,20 @@ std::string reportHtml(const Report& r, const ReportOptions& o) {
         }
         out += table(title, head, rows);
     };
-    usage("Wake-up sources", a["wakeup_sources"], "active_ms", "wakeups", {"source", "active s", "% of awake", "wake-ups"});
-    usage("Processes", a["processes"], "cpu_ms", "ctx_switches", {"process", "CPU s", "% of awake", "context switches"});
+    usage("Wake-up sources", a["wakeup_sources"], "active_ms", "wakeups",
+          {"source", "active s", "% of awake", "wake-ups"});
+    usage("Processes", a["processes"], "cpu_ms", "ctx_switches",
+          {"process", "CPU s", "% of awake", "context switches"});
     usage("Devices (runtime PM)", a["devices"], "active_ms", nullptr, {"device", "active s", "% of awake"});
     rows.clear();
-    for (const Json& z : a["rapl"]) rows.push_back({z["zone"].get<std::string>(), cell(z["energy_j"], 1), cell(z["mean_mw"], 0)});
+    for (const Json& z : a["rapl"])
+        rows.push_back({z["zone"].get<std::string>(), cell(z["energy_j"], 1), cell(z["mean_mw"], 0)});
     out += table("RAPL energy", {"zone", "J", "mean mW"}, rows);
     out += "</div><h2>Thermal, Wi-Fi and baseband</h2><div class=\"columns\">";
     rows.clear();
     for (const Json& t : j["thermal"])
-        rows.push_back({t["zone"].get<std::string>(), cell(t["max"], 1), t["max_at"].get<std::string>(), cell(t["mean"], 1)});
+        rows.push_back(
+            {t["zone"].get<std::string>(), cell(t["max"], 1), t["max_at"].get<std::string>(), cell(t["mean"], 1)});
     out += table("Thermal peaks", {"zone", "max °C", "at (UTC)", "mean °C"}, rows);
     rows.clear();
     for (const Json& w : j["wifi_signal_dbm"])

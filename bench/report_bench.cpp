@@ -55,7 +55,8 @@ const Week& week() {
         close(pipeFds[1]);
         std::string text;
         char buffer[4096];
-        for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<std::size_t>(n));
+        for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;)
+            text.append(buffer, static_cast<std::size_t>(n));
         close(pipeFds[0]);
         int status = 0;
         waitpid(child, &status, 0);

@@ -30,8 +30,8 @@ bool writeAll(std::FILE* f, const std::string& text) {
 int reportCommand(const std::vector<std::string>& args) {
     enum { kSince = 1, kUntil, kJson, kWakeLoop };
     static const option options[] = {
-        {"since", required_argument, nullptr, kSince}, {"until", required_argument, nullptr, kUntil},
-        {"output", required_argument, nullptr, 'o'},   {"json", no_argument, nullptr, kJson},
+        {"since", required_argument, nullptr, kSince},        {"until", required_argument, nullptr, kUntil},
+        {"output", required_argument, nullptr, 'o'},          {"json", no_argument, nullptr, kJson},
         {"wake-loop", required_argument, nullptr, kWakeLoop}, {nullptr, 0, nullptr, 0},
     };
     std::vector<std::string> copies(args);

@@ -73,7 +73,8 @@ TEST_P(GeneratedLogsTest, FiguresMatchTheTruth) {
     expectWithin1Percent(in(r, PowerState::Charging).energyMwh, truth.chargedMwh, "charged");
     expectWithin1Percent(in(r, PowerState::Suspended).seconds, truth.suspendedSeconds, "time suspended");
     expectWithin1Percent(in(r, PowerState::ScreenOn).seconds, truth.dischargingScreenOnSeconds, "time screen on");
-    expectWithin1Percent(in(r, PowerState::ScreenOffAwake).seconds, truth.dischargingScreenOffSeconds, "time screen off");
+    expectWithin1Percent(in(r, PowerState::ScreenOffAwake).seconds, truth.dischargingScreenOffSeconds,
+                         "time screen off");
     expectWithin1Percent(in(r, PowerState::Charging).seconds, truth.chargingSeconds, "time charging");
     EXPECT_EQ(r.unseenSeconds, 0);
 
@@ -172,8 +173,9 @@ TEST_P(WakeLoopTest, WakesCloserThanTheThresholdMakeOneLoop) {
     const LoopCase& c = GetParam();
     jxtest::TestRoot root;
     const std::int64_t start = 1792800000000;
-    std::string text = jxtest::logLine(start, 0, "Joulix", "Version=6.01; File_GUID=00000000-0000-4000-8000-000000000001;") +
-                       "\n" + jxtest::logLine(start, 0, "Clock", "utc_s=1792800000; offset_s=0; zone=UTC;") + "\n";
+    std::string text =
+        jxtest::logLine(start, 0, "Joulix", "Version=6.01; File_GUID=00000000-0000-4000-8000-000000000001;") + "\n" +
+        jxtest::logLine(start, 0, "Clock", "utc_s=1792800000; offset_s=0; zone=UTC;") + "\n";
     std::int64_t t = start + 1000;
     const char* const reasons[] = {"rtc_alarm", "wlan"};
     for (std::size_t i = 0; i <= c.gapsSeconds.size(); ++i) {
@@ -210,9 +212,12 @@ TEST(ReportBasebandTest, VerdictsOfThePeriodFromTheMetricSpool) {
     root.writeFile("/var/mobile/Library/Logs/Metrics/metrics.jsonl",
                    "{\"component\":31,\"metric\":2031617,\"timestamp\":" + in +
                        ",\"larkinPriority\":1,\"armUtilityThresholdPoint\":100}\n"
-                       "{\"component\":31,\"metric\":2031617,\"timestamp\":" + in +
+                       "{\"component\":31,\"metric\":2031617,\"timestamp\":" +
+                       in +
                        ",\"larkinPriority\":0,\"armUtilityThresholdPoint\":12}\n"
-                       "{\"component\":31,\"metric\":99,\"timestamp\":" + in + "}\n"
+                       "{\"component\":31,\"metric\":99,\"timestamp\":" +
+                       in +
+                       "}\n"
                        "not json\n"
                        "{\"component\":31,\"metric\":2031617,\"timestamp\":1000,\"larkinPriority\":1}\n");
     ReportOptions ro;
@@ -239,7 +244,7 @@ TEST(ReportRangeTest, OnlyTheRangeIsCounted) {
     const Report day = reportOf(root, ro);
     EXPECT_GE(day.first, *ro.since);
     EXPECT_LE(day.last, *ro.until);
-    EXPECT_NEAR(day.loggedSeconds() + day.unseenSeconds, 86400, 1);
+    EXPECT_NEAR(day.loggedSeconds() + day.unseenSeconds, 86400, 0.001);
     const Report all = reportOf(root);
     EXPECT_LT(day.suspends, all.suspends);
     EXPECT_GT(day.suspends, 0u);

@@ -61,8 +61,12 @@ TEST_F(ReportCommandTest, BadUsageExits2AndNoLogExits1) {
     ASSERT_EQ(ctl({"report"}), 1);
     generate(1);
     const std::vector<std::vector<std::string>> bad = {
-        {"report", "--bogus"},          {"report", "--since", "soon"},    {"report", "-o"},
-        {"report", "extra"},            {"report", "--json", "-o", "-"},  {"report", "--wake-loop", "0"},
+        {"report", "--bogus"},
+        {"report", "--since", "soon"},
+        {"report", "-o"},
+        {"report", "extra"},
+        {"report", "--json", "-o", "-"},
+        {"report", "--wake-loop", "0"},
         {"report", "--since", "2026-10-26 00:00", "--until", "2026-10-25 00:00"},
     };
     for (const auto& args : bad) {
@@ -120,9 +124,10 @@ TEST_F(ReportCommandTest, PageOpensInABrowserWithEveryChartDrawn) {
         std::filesystem::create_directories(profile);
         for (const std::string& a :
              {*browser, std::string("--headless"), std::string("--no-sandbox"), std::string("--disable-gpu"),
-              std::string("--disable-quic"), std::string("--no-first-run"), std::string("--disable-background-networking"),
-              std::string("--disable-component-update"), std::string("--disable-sync"), std::string("--hide-scrollbars"),
-              "--user-data-dir=" + profile, std::string("--enable-logging=stderr"), std::string("--v=0")})
+              std::string("--disable-quic"), std::string("--no-first-run"),
+              std::string("--disable-background-networking"), std::string("--disable-component-update"),
+              std::string("--disable-sync"), std::string("--hide-scrollbars"), "--user-data-dir=" + profile,
+              std::string("--enable-logging=stderr"), std::string("--v=0")})
             argv.push_back(a);
         for (std::string& a : extra) argv.push_back(std::move(a));
         argv.push_back("file://" + page);
@@ -137,7 +142,7 @@ TEST_F(ReportCommandTest, PageOpensInABrowserWithEveryChartDrawn) {
     EXPECT_EQ(browserErr.find(":CONSOLE"), std::string::npos) << jxtest::tail(browserErr);
     const std::string text = dom->out();
     const std::map<std::string, int> charts = chartPoints(text);
-    const std::vector<std::string> want = {"level", "power", "charging", "screen", "suspend",
+    const std::vector<std::string> want = {"level", "power",   "charging",    "screen", "suspend",
                                            "cpu",   "package", "temperature", "wifi"};
     for (const std::string& id : want) {
         ASSERT_TRUE(charts.contains(id)) << id;

@@ -207,8 +207,10 @@ struct Simulation {
     void awake(std::int64_t t, double power) {
         advance(power, o.periodSeconds, t, charging ? Spent::Charging : screenOn ? Spent::ScreenOn : Spent::ScreenOff);
         if (screenOn) truth.screenOnSeconds += o.periodSeconds;
-        if (charging) truth.chargingSeconds += o.periodSeconds;
-        else (screenOn ? truth.dischargingScreenOnSeconds : truth.dischargingScreenOffSeconds) += o.periodSeconds;
+        if (charging)
+            truth.chargingSeconds += o.periodSeconds;
+        else
+            (screenOn ? truth.dischargingScreenOnSeconds : truth.dischargingScreenOffSeconds) += o.periodSeconds;
     }
 
     // What the measuring, thermal and Wi-Fi loggers add to an awake sample.
@@ -240,8 +242,8 @@ struct Simulation {
         put(at++, "Thermal", "zone=thermal_zone0; type=x86_pkg_temp; temperature=" + num(temperature) + ";");
         put(at++, "WiFi",
             "interface=wlan0; link=" + std::to_string(40 + pick(30)) + "; quality=" + std::to_string(50 + pick(20)) +
-                "; signal=-" + std::to_string(50 + pick(30)) + "; noise=-95; bitrate=" + std::to_string(130 + pick(300)) +
-                ";");
+                "; signal=-" + std::to_string(50 + pick(30)) +
+                "; noise=-95; bitrate=" + std::to_string(130 + pick(300)) + ";");
     }
 
     enum class Spent { ScreenOn, ScreenOff, Suspended, Charging };
@@ -253,10 +255,17 @@ struct Simulation {
         (mwh < 0 ? truth.drainedMwh : truth.chargedMwh) += std::fabs(mwh);
         if (mwh >= 0) return;
         switch (spent) {
-            case Spent::ScreenOn: truth.screenOnDrainedMwh -= mwh; break;
-            case Spent::ScreenOff: truth.screenOffDrainedMwh -= mwh; break;
-            case Spent::Suspended: truth.suspendedDrainedMwh -= mwh; break;
-            case Spent::Charging: break;
+            case Spent::ScreenOn:
+                truth.screenOnDrainedMwh -= mwh;
+                break;
+            case Spent::ScreenOff:
+                truth.screenOffDrainedMwh -= mwh;
+                break;
+            case Spent::Suspended:
+                truth.suspendedDrainedMwh -= mwh;
+                break;
+            case Spent::Charging:
+                break;
         }
         // Split at local midnights, in the offset in force at the interval's start.
         const std::int64_t endMs = startMs + static_cast<std::int64_t>(seconds * 1000);
