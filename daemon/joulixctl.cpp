@@ -33,6 +33,7 @@
 int bbpowerCommand(const std::vector<std::string>& args);
 int logCommand(const std::vector<std::string>& args);
 int exportCommand(const std::vector<std::string>& args);
+int reportCommand(const std::vector<std::string>& args);
 
 namespace {
 
@@ -68,6 +69,12 @@ const char* const kUsage =
     "                                      the logs as a trace-event JSON file (- for standard\n"
     "                                      output) for trace viewers: counters, screen-on,\n"
     "                                      suspend and charging slices, wakes\n"
+    "  report [--since T] [--until T] [-o FILE.html|-] [--json] [--wake-loop S]\n"
+    "                                      where the battery went over the logs: drain by\n"
+    "                                      screen, suspend and charging, per day, wakes by\n"
+    "                                      reason, wake loops (wakes under S s apart, 60), who\n"
+    "                                      kept it awake; a summary, JSON, or one self-contained\n"
+    "                                      HTML page with timelines (-o -: to standard output)\n"
     "options:\n"
     "  --root DIR        take every fixed path under DIR (default: $JOULIX_ROOT, else /)\n"
     "  --domain DOMAIN   the settings domain (a reverse-DNS name; default com.brindle.joulix)\n"
@@ -502,5 +509,6 @@ int main(int argc, char** argv) {
     if (command == "bbpower") return bbpowerCommand(rest);
     if (command == "log") return logCommand(rest);
     if (command == "export") return exportCommand(rest);
+    if (command == "report") return reportCommand(rest);
     return usageError("unknown command '" + command + "'");
 }

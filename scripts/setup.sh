@@ -7,7 +7,7 @@ packages=(build-essential cmake ninja-build pkg-config
           libgtest-dev libgmock-dev libbenchmark-dev
           nlohmann-json3-dev systemd procps umockdev
           dbus-daemon dbus-bin faketime
-          clang libclang-rt-14-dev)
+          clang libclang-rt-14-dev chromium)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -26,6 +26,9 @@ std::string num(double v) {
 
 double tenth(double v) { return std::round(v * 10) / 10; }
 
+// What a suspended device draws.
+constexpr double kSuspendedMw = 120;
+
 std::string localStamp(std::int64_t utcMs, std::int32_t offset, const char* format) {
     const std::time_t t = static_cast<std::time_t>((utcMs >= 0 ? utcMs / 1000 : (utcMs - 999) / 1000) + offset);
     std::tm tm{};
@@ -49,6 +52,7 @@ struct Simulation {
     static constexpr double kFullMwh = 50000;
     double energy = kFullMwh * 0.8;
     bool screenOn = false, charging = false;
+    double lastPower = 0;
     std::optional<bool> shownDisplay, shownCharger;
 
     Simulation(const LogGeneratorOptions& options, LogTruth& t, std::string r)
@@ -170,6 +174,7 @@ struct Simulation {
                 "; energy_full=50000; cycle_count=312; status=" + status +
                 "; charging_state=" + (charging ? "active" : "inactive") +
                 "; charging_current=" + std::to_string(charging ? std::llabs(current) : 0) + ";");
+        lastPower = power;
         put(at++, "BatteryPower",
             "name=BAT0; power_mw=" + num(power) + "; source=power_now; energy_mwh=" + num(tenth(energy)) +
                 "; status=" + status + ";");
@@ -186,30 +191,92 @@ struct Simulation {
         for (int p = 0; p < o.processes; ++p) {
             const std::string n = names[p % 6];
             const int user = static_cast<int>(pick(screenOn ? 4000 : 400)), system = static_cast<int>(pick(800));
+            const int switches = static_cast<int>(pick(5000));
+            truth.cpuMsByProcess[n] += user + system;
+            truth.ctxSwitchesByProcess[n] += switches;
             put(at++, "Process",
                 "pid=" + std::to_string(1000 + p) + "; name=" + n + "; cpu_ms=" + std::to_string(user + system) +
                     "; user_ms=" + std::to_string(user) + "; system_ms=" + std::to_string(system) + "; ctx_switches=" +
-                    std::to_string(pick(5000)) + "; unit=" + n + ".service; command=/usr/bin/" + n + " --daemon;");
+                    std::to_string(switches) + "; unit=" + n + ".service; command=/usr/bin/" + n + " --daemon;");
         }
+        if (o.newerTags) newerSample(at, tickMs);
+        awake(t, power);
+    }
+
+    // One period awake from t at a power, as the last sample left the device.
+    void awake(std::int64_t t, double power) {
+        advance(power, o.periodSeconds, t, charging ? Spent::Charging : screenOn ? Spent::ScreenOn : Spent::ScreenOff);
+        if (screenOn) truth.screenOnSeconds += o.periodSeconds;
+        if (charging)
+            truth.chargingSeconds += o.periodSeconds;
+        else
+            (screenOn ? truth.dischargingScreenOnSeconds : truth.dischargingScreenOffSeconds) += o.periodSeconds;
+    }
+
+    // What the measuring, thermal and Wi-Fi loggers add to an awake sample.
+    void newerSample(std::int64_t& at, int tickMs) {
         static const char* const sources[] = {"wlan", "rtc_alarm", "modem"};
-        for (int r = 0; r < 2; ++r)
+        for (int r = 0; r < 2; ++r) {
+            const unsigned active = pick(2000);
+            truth.wakeupActiveMsBySource[sources[r]] += active;
             put(at++, "WakeupSource",
                 "rank=" + std::to_string(r + 1) + "; scope=interval; name=" + sources[r] +
-                    "; active_ms=" + std::to_string(pick(2000)) + "; wakeups=" + std::to_string(pick(4)) +
+                    "; active_ms=" + std::to_string(active) + "; wakeups=" + std::to_string(pick(4)) +
                     "; events=" + std::to_string(pick(20)) + "; max_active_ms=" + std::to_string(pick(500)) + ";");
+        }
         const long long uj = 1000LL * (screenOn ? 1500 + pick(500) : 300 + pick(100)) * o.periodSeconds;
+        truth.packageEnergyUj += static_cast<double>(uj);
         put(at++, "Powercap",
             "zone=intel-rapl:0; name=package-0; energy_uj=" + std::to_string(uj) + "; interval_ms=" +
                 std::to_string(tickMs) + "; power_mw=" + num(tenth(uj / 1000.0 / o.periodSeconds)) + ";");
-        advance(power, o.periodSeconds);
-        if (screenOn) truth.screenOnSeconds += o.periodSeconds;
-        if (charging) truth.chargingSeconds += o.periodSeconds;
+        static const char* const devices[][2] = {{"pci", "0000:00:14.0"}, {"usb", "1-2"}};
+        for (int d = 0; d < 2; ++d) {
+            const unsigned active = d == 0 ? static_cast<unsigned>(tickMs) : pick(static_cast<unsigned>(tickMs));
+            truth.runtimeActiveMsByDevice[std::string(devices[d][0]) + ":" + devices[d][1]] += active;
+            put(at++, "RuntimePM",
+                "rank=" + std::to_string(d + 1) + "; bus=" + devices[d][0] + "; device=" + devices[d][1] +
+                    "; active_ms=" + std::to_string(active) + "; status=active;");
+        }
+        const double temperature = (screenOn ? 55 : 42) + pick(150) / 10.0;
+        truth.maxTemperature = std::max(truth.maxTemperature, temperature);
+        put(at++, "Thermal", "zone=thermal_zone0; type=x86_pkg_temp; temperature=" + num(temperature) + ";");
+        put(at++, "WiFi",
+            "interface=wlan0; link=" + std::to_string(40 + pick(30)) + "; quality=" + std::to_string(50 + pick(20)) +
+                "; signal=-" + std::to_string(50 + pick(30)) +
+                "; noise=-95; bitrate=" + std::to_string(130 + pick(300)) + ";");
     }
 
-    void advance(double powerMw, double seconds) {
+    enum class Spent { ScreenOn, ScreenOff, Suspended, Charging };
+
+    // The battery's energy over an interval beginning at startMs, in the truth's sums.
+    void advance(double powerMw, double seconds, std::int64_t startMs, Spent spent) {
         const double mwh = powerMw * seconds / 3600;
         energy += mwh;
         (mwh < 0 ? truth.drainedMwh : truth.chargedMwh) += std::fabs(mwh);
+        if (mwh >= 0) return;
+        switch (spent) {
+            case Spent::ScreenOn:
+                truth.screenOnDrainedMwh -= mwh;
+                break;
+            case Spent::ScreenOff:
+                truth.screenOffDrainedMwh -= mwh;
+                break;
+            case Spent::Suspended:
+                truth.suspendedDrainedMwh -= mwh;
+                break;
+            case Spent::Charging:
+                break;
+        }
+        // Split at local midnights, in the offset in force at the interval's start.
+        const std::int64_t endMs = startMs + static_cast<std::int64_t>(seconds * 1000);
+        const std::int32_t offset = offsetAt(startMs);
+        for (std::int64_t from = startMs; from < endMs;) {
+            const std::int64_t local = from + offset * 1000LL;
+            const std::int64_t midnight = (local / 86400000 + 1) * 86400000 - offset * 1000LL;
+            const std::int64_t to = std::min(endMs, midnight);
+            truth.drainedMwhByDay[localStamp(from, offset, "%Y-%m-%d")] -= powerMw * (to - from) / 3600000.0;
+            from = to;
+        }
     }
 };
 
@@ -239,6 +306,8 @@ LogTruth generateLogs(const std::string& root, const LogGeneratorOptions& o) {
             sim.put(t, "Log", "state=roll;");
             sim.finishLog(false);
             sim.startLog(t + 1);
+            // The device stays awake through the roll, at the power read last.
+            sim.awake(t, sim.lastPower);
             t += tick;
             continue;
         }
@@ -252,13 +321,26 @@ LogTruth generateLogs(const std::string& root, const LogGeneratorOptions& o) {
                 sim.put(t, "Sleep", "event=did_sleep;");
                 ++truth.sleeps;
                 const double seconds = static_cast<double>(until - t) / 1000;
-                sim.advance(-120, seconds);
+                const double before = sim.energy;
+                sim.advance(-kSuspendedMw, seconds, t, Simulation::Spent::Suspended);
                 truth.suspendedSeconds += seconds;
                 static const char* const reasons[] = {"rtc_alarm", "rtc_alarm", "rtc_alarm", "wlan",
                                                       "wlan",      "modem",     "power_key"};
                 const std::string reason = reasons[sim.pick(7)];
                 sim.put(until, "Wake", "reason=" + reason + ";");
                 ++truth.wakesByReason[reason];
+                if (o.newerTags) {
+                    // As the sleep logger writes it when the login manager said when the suspend began.
+                    char body[400];
+                    std::snprintf(body, sizeof body,
+                                  "began_utc_s=%.3f; ended_utc_s=%.3f; duration_s=%.3f; suspended_s=%.3f; "
+                                  "energy_before_mwh=%s; energy_after_mwh=%s; drain_mw=%s; span_s=%.3f; "
+                                  "woken_by=%s; accounting=login_manager;",
+                                  t / 1000.0, until / 1000.0, seconds, seconds, num(tenth(before)).c_str(),
+                                  num(tenth(sim.energy)).c_str(),
+                                  num(tenth((before - sim.energy) * 3600 / seconds)).c_str(), seconds, reason.c_str());
+                    sim.put(until, "Suspend", body);
+                }
                 t = until + 1;
                 justWoke = true;
                 continue;
@@ -268,6 +350,12 @@ LogTruth generateLogs(const std::string& root, const LogGeneratorOptions& o) {
         sim.sample(t, night);
         t += tick;
     }
+    // The daemon stops: its last reading closes the interval of the sample before.
+    sim.put(t, "BatteryPower",
+            "name=BAT0; power_mw=" + num(sim.lastPower) + "; source=power_now; energy_mwh=" + num(tenth(sim.energy)) +
+                "; status=" + (sim.charging ? "Charging" : "Discharging") + ";");
+    sim.put(t + 1, "Log", "state=stopping; reason=SIGTERM;");
+    t += 2;
     if (o.zeroTailBytes) {
         // Cut short by a power loss: the file had grown, the data never reached it.
         const std::string cut = logLine(t, sim.offsetAt(t), "Battery", "name=BAT0; lev");

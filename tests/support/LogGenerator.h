@@ -29,6 +29,10 @@ struct LogGeneratorOptions {
     // The current log ends in a line cut short and so many NUL bytes (a power loss).
     std::size_t zeroTailBytes = 0;
     int processes = 4;  // [Process] entries a sample
+    // The entries of the newer loggers: [Suspend] after each wake, [WakeupSource],
+    // [Powercap], [RuntimePM], [Thermal] and [WiFi]. Without them the log is what an
+    // older daemon wrote.
+    bool newerTags = true;
 };
 
 struct LogTruth {
@@ -45,6 +49,17 @@ struct LogTruth {
     double suspendedSeconds = 0, screenOnSeconds = 0, chargingSeconds = 0;
     double drainedMwh = 0;  // energy the battery gave
     double chargedMwh = 0;  // energy it took
+    // Split by what the device was doing: screen on or off while awake and not
+    // charging, suspended; the seconds of the two awake states.
+    double screenOnDrainedMwh = 0, screenOffDrainedMwh = 0, suspendedDrainedMwh = 0;
+    double dischargingScreenOnSeconds = 0, dischargingScreenOffSeconds = 0;
+    // Energy drained per local day ("2026-10-24"), an interval split at midnight.
+    std::map<std::string, double> drainedMwhByDay;
+    // Sums of the newer loggers' entries.
+    std::map<std::string, double> cpuMsByProcess, ctxSwitchesByProcess;
+    std::map<std::string, double> wakeupActiveMsBySource, runtimeActiveMsByDevice;
+    double packageEnergyUj = 0;
+    double maxTemperature = 0;  // °C
 };
 
 LogTruth generateLogs(const std::string& root, const LogGeneratorOptions& options = {});
