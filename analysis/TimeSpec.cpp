@@ -1,5 +1,7 @@
 #include "analysis/TimeSpec.h"
 
+#include <chrono>
+
 #include <cctype>
 #include <ctime>
 
@@ -119,6 +121,19 @@ std::optional<TimeMs> parseTimeSpec(std::string_view t, TimeMs now) {
     if (pos < t.size() && !number(t, pos, 2, &om)) return std::nullopt;
     if (pos != t.size() || oh > 23 || om > 59) return std::nullopt;
     return wall - sign * (oh * 3600 + om * 60) * 1000LL;
+}
+
+std::optional<TimeMs> parseTimeOption(const char* option, std::string_view text, TimeMs now, std::string* why) {
+    std::optional<TimeMs> t = parseTimeSpec(text, now);
+    if (!t && why)
+        *why = std::string(option) + ": '" + std::string(text) +
+               "' is no time (use 'YYYY-MM-DD HH:MM[:SS]', ISO 8601 with Z or an offset, or -2h, -30m, -1d)";
+    return t;
+}
+
+TimeMs nowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 }  // namespace jx::analysis

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "analysis/LogReader.h"
@@ -14,5 +15,10 @@ namespace jx::analysis {
 // second, a blank for the T); "-2h", "-30m", "-1d", "-90s", "-1w", "-1h30m" (before
 // now); "now". None for anything else.
 std::optional<TimeMs> parseTimeSpec(std::string_view text, TimeMs now);
+// The value of a --since or --until option: the time, or none and the message that
+// says what is accepted.
+std::optional<TimeMs> parseTimeOption(const char* option, std::string_view text, TimeMs now, std::string* why);
+// Now, on the wall clock, as the times above count.
+TimeMs nowMs();
 
 }  // namespace jx::analysis

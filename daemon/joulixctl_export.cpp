@@ -24,11 +24,6 @@ int usageError(const std::string& why) {
     return 2;
 }
 
-TimeMs nowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
 }  // namespace
 
 int exportCommand(const std::vector<std::string>& args) {
@@ -48,7 +43,7 @@ int exportCommand(const std::vector<std::string>& args) {
 
     std::optional<TimeMs> since, until;
     std::optional<std::string> trace;
-    const TimeMs now = nowMs();
+    const TimeMs now = jx::analysis::nowMs();
     optind = 0;  // a fresh scan of a new vector
     opterr = 0;
     const int argc = static_cast<int>(argv.size()) - 1;
@@ -56,11 +51,10 @@ int exportCommand(const std::vector<std::string>& args) {
         switch (c) {
             case kSince:
             case kUntil: {
-                std::optional<TimeMs> t = jx::analysis::parseTimeSpec(optarg, now);
-                if (!t)
-                    return usageError(std::string(c == kSince ? "--since" : "--until") + ": '" + optarg +
-                                      "' is no time (use 'YYYY-MM-DD HH:MM[:SS]', ISO 8601 with Z or an offset, or "
-                                      "-2h, -30m, -1d)");
+                std::string why;
+                std::optional<TimeMs> t =
+                    jx::analysis::parseTimeOption(c == kSince ? "--since" : "--until", optarg, now, &why);
+                if (!t) return usageError(why);
                 (c == kSince ? since : until) = t;
                 break;
             }

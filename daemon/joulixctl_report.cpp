@@ -44,9 +44,7 @@ int reportCommand(const std::vector<std::string>& args) {
     jx::analysis::ReportOptions ro;
     std::optional<std::string> html;
     bool json = false;
-    const TimeMs now =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-            .count();
+    const TimeMs now = jx::analysis::nowMs();
     optind = 0;
     opterr = 0;
     const int argc = static_cast<int>(argv.size()) - 1;
@@ -54,11 +52,10 @@ int reportCommand(const std::vector<std::string>& args) {
         switch (c) {
             case kSince:
             case kUntil: {
-                std::optional<TimeMs> t = jx::analysis::parseTimeSpec(optarg, now);
-                if (!t)
-                    return usageError(std::string(c == kSince ? "--since" : "--until") + ": '" + optarg +
-                                      "' is no time (use 'YYYY-MM-DD HH:MM[:SS]', ISO 8601 with Z or an offset, or "
-                                      "-2h, -30m, -1d)");
+                std::string why;
+                std::optional<TimeMs> t =
+                    jx::analysis::parseTimeOption(c == kSince ? "--since" : "--until", optarg, now, &why);
+                if (!t) return usageError(why);
                 (c == kSince ? ro.since : ro.until) = t;
                 break;
             }
