@@ -3,6 +3,7 @@
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
+#include <unicode/timezone.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -151,8 +152,10 @@ void JXClockLogger::onEtc() {
             p += sizeof(inotify_event) + event->len;
         }
     if (!zone) return;
-    // The C library reads the zone again, so that the log's own times follow it.
+    // The C library reads the zone again, so that the log's own times follow it, and so
+    // does ICU, whose calendars the rollover dates and the locale entry are made with.
     ::tzset();
+    icu::TimeZone::adoptDefault(icu::TimeZone::detectHostTimeZone());
     std::tm tm{};
     const time_t now = ::time(nullptr);
     localtime_r(&now, &tm);
