@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "analysis/LogReader.h"
-#include "analysis/TimeSpec.h"
+#include "analysis/TimeText.h"
 #include "analysis/TraceExport.h"
 
 using jx::analysis::TimeMs;

@@ -10,7 +10,7 @@
 
 #include "analysis/LogFollower.h"
 #include "analysis/LogReader.h"
-#include "analysis/TimeSpec.h"
+#include "analysis/TimeText.h"
 
 using jx::analysis::LogRecord;
 using jx::analysis::TimeMs;

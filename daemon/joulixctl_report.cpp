@@ -9,7 +9,7 @@
 
 #include "analysis/LogReader.h"
 #include "analysis/Report.h"
-#include "analysis/TimeSpec.h"
+#include "analysis/TimeText.h"
 #include "platform/Root.h"
 
 using jx::analysis::TimeMs;

@@ -1,4 +1,4 @@
-#include "analysis/TimeSpec.h"
+#include "analysis/TimeText.h"
 
 #include <chrono>
 
@@ -67,7 +67,7 @@ std::optional<TimeMs> relative(std::string_view t, TimeMs now) {
 
 }  // namespace
 
-std::optional<TimeMs> parseTimeSpec(std::string_view t, TimeMs now) {
+std::optional<TimeMs> parseTimeText(std::string_view t, TimeMs now) {
     if (t == "now") return now;
     if (!t.empty() && t[0] == '-') return relative(t, now);
     std::size_t pos = 0;
@@ -124,7 +124,7 @@ std::optional<TimeMs> parseTimeSpec(std::string_view t, TimeMs now) {
 }
 
 std::optional<TimeMs> parseTimeOption(const char* option, std::string_view text, TimeMs now, std::string* why) {
-    std::optional<TimeMs> t = parseTimeSpec(text, now);
+    std::optional<TimeMs> t = parseTimeText(text, now);
     if (!t && why)
         *why = std::string(option) + ": '" + std::string(text) +
                "' is no time (use 'YYYY-MM-DD HH:MM[:SS]', ISO 8601 with Z or an offset, or -2h, -30m, -1d)";

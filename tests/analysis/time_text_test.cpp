@@ -1,4 +1,4 @@
-#include "analysis/TimeSpec.h"
+#include "analysis/TimeText.h"
 
 #include <gtest/gtest.h>
 
@@ -7,10 +7,10 @@
 
 namespace {
 
-using jx::analysis::parseTimeSpec;
+using jx::analysis::parseTimeText;
 using jx::analysis::TimeMs;
 
-TEST(TimeSpecTest, EverySpellingOfATime) {
+TEST(TimeTextTest, EverySpellingOfATime) {
     const char* saved = std::getenv("TZ");
     const std::string kept = saved ? saved : "";
     // Central European time with its summer rule, spelled out: no zone files needed.
@@ -53,7 +53,7 @@ TEST(TimeSpecTest, EverySpellingOfATime) {
         {"2026-11-21T16:20:00Zjunk", std::nullopt},
         {"2026-11-21T16:20:00.Z", std::nullopt},
     };
-    for (const Case& c : cases) EXPECT_EQ(parseTimeSpec(c.text, now), c.expected) << "'" << c.text << "'";
+    for (const Case& c : cases) EXPECT_EQ(parseTimeText(c.text, now), c.expected) << "'" << c.text << "'";
     if (saved)
         setenv("TZ", kept.c_str(), 1);
     else
