@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "JoulixMain/JoulixMain.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLogger.h"
@@ -67,15 +69,14 @@ public:
         JXLogWriter::sharedWriter().setLogFile(nullptr);
         std::fclose(file_);
     }
-    // Everything written so far.
+    // Everything written so far. Read with pread: the writer writes through the same
+    // descriptor, and a rewind here would move where its next write lands.
     std::string text() {
         JXLogWriter::sharedWriter().blockOnWriteEntries();
-        std::fflush(file_);
         std::string out;
-        std::rewind(file_);
         char buf[4096];
-        for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, file_)) > 0;) out.append(buf, n);
-        std::fseek(file_, 0, SEEK_END);
+        for (ssize_t n; (n = ::pread(fileno(file_), buf, sizeof buf, static_cast<off_t>(out.size()))) > 0;)
+            out.append(buf, static_cast<std::size_t>(n));
         return out;
     }
     std::size_t count(const std::string& what) { return jxtest::occurrences(text(), what); }
