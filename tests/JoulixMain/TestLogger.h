@@ -1,37 +1,38 @@
 // A logger for tests: counts its samples and writes one entry each time.
 #pragma once
 
+#include <unicode/timezone.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "JoulixMain/JoulixMain.h"
 #include "platform/JXLogWriter.h"
 #include "platform/JXLogger.h"
 #include "platform/JXLoggerClass.h"
+#include "platform/JXUtilities.h"
 #include "tests/support/TestSupport.h"
 
 class CountingLogger : public JXLogger {
 public:
     explicit CountingLogger(std::string name) : JXLogger(std::move(name)) {}
-    ~CountingLogger() override { release(); }
+    ~CountingLogger() override { hold(false); }
     int samples() const { return samples_.load(); }
     // A held logger's samples wait until it is released.
-    void hold() {
+    void hold(bool held = true) {
         std::lock_guard lock(mutex_);
-        held_ = true;
-    }
-    void release() {
-        std::lock_guard lock(mutex_);
-        held_ = false;
+        held_ = held;
         cv_.notify_all();
     }
+    void release() { hold(false); }
 
 protected:
     void logSample() override {
@@ -104,22 +105,40 @@ private:
 class HiddenBuiltinLoggers {
 public:
     HiddenBuiltinLoggers() {
-        for (const auto* list : {&kJXStaticLoggerList[0], &kJXMeasuringLoggerList[0]}) {
-            const std::size_t count = list == kJXStaticLoggerList ? std::size(kJXStaticLoggerList) : std::size(kJXMeasuringLoggerList);
-            for (std::size_t i = 0; i < count; ++i)
-                if (JXLoggerClass* c = JXClassRegistry::lookUpClass(list[i])) {
+        for (auto list :
+             {std::span<const char* const>(kJXStaticLoggerList), std::span<const char* const>(kJXMeasuringLoggerList)})
+            for (const char* name : list)
+                if (JXLoggerClass* c = JXClassRegistry::lookUpClass(name)) {
                     JXClassRegistry::removeClass(c);
                     hidden_.push_back(c);
                 }
-        }
     }
     ~HiddenBuiltinLoggers() {
         for (JXLoggerClass* c : hidden_) JXClassRegistry::registerClass(c);
     }
-    HiddenBuiltinLoggers(const HiddenBuiltinLoggers&) = delete;
-    HiddenBuiltinLoggers& operator=(const HiddenBuiltinLoggers&) = delete;
 
 private:
     std::vector<JXLoggerClass*> hidden_;
 };
 
+// A controller logging to a file under a private root, in UTC, on a fake clock.
+class ControllerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directories(root("/var/mobile/Library/Logs/Faultkeeper"));
+        useZone("UTC");
+    }
+    void useZone(const char* zone) {
+        icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone(zone));
+        controller = JoulixMain::create();
+        controller->setLogToFile(true);
+    }
+    void TearDown() override {
+        icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC"));
+        JXUtilities::setProcessNameForTesting(std::nullopt);
+    }
+    jxtest::TestRoot root;
+    jxtest::LogCapture log;
+    jxtest::FakeClock clock;
+    std::shared_ptr<JoulixMain> controller;
+};

@@ -1,3 +1,4 @@
+// The controller's run thread, its observers and trigger, and the setting up of its loggers.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -15,7 +16,33 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using jxtest::waitFor;
+
+// The system-wide centre for these tests: counts posts and keeps the names observed
+// (delivery over a bus is run with the real daemon, and in platform_tests).
+class ObservingCenter : public jx::SystemNotificationCenter {
+public:
+    ObservingCenter() { setShared(this); }
+    ~ObservingCenter() override { setShared(nullptr); }
+    bool post(const std::string&) override {
+        ++posts;
+        return true;
+    }
+    bool addObserver(void*, const std::string& name, Callback, SuspensionBehavior,
+                     std::shared_ptr<jx::RunLoop>) override {
+        std::lock_guard lock(mutex);
+        observed.push_back(name);
+        return true;
+    }
+    void removeObserver(void*, const std::string& name) override {
+        std::lock_guard lock(mutex);
+        std::erase(observed, name);
+    }
+    std::atomic<int> posts{0};
+    std::mutex mutex;
+    std::vector<std::string> observed;
+};
 
 class RunThreadTest : public ::testing::Test {
 protected:
@@ -29,19 +56,21 @@ protected:
         JXUtilities::setProcessNameForTesting(std::nullopt);
         JoulixMain::stopSharedJoulixMain();
     }
-
-    // Starts the singleton's run thread with the entry code's two flags.
-    std::shared_ptr<JoulixMain> start(bool logToFile, bool keepRunning,
-                                      const std::function<void(JoulixMain&)>& prepare = {}) {
+    // Starts the singleton's run thread with the entry code's two flags; held loggers are registered first.
+    std::shared_ptr<JoulixMain> start(bool logToFile, bool keepRunning, const std::vector<std::string>& held = {},
+                                      bool exitAtOnce = false) {
         auto controller = JoulixMain::sharedJoulixMain();
         EXPECT_TRUE(controller);
         controller->setLogToFile(logToFile);
         controller->setShouldKeepRunning(keepRunning);
-        if (prepare) prepare(*controller);
+        for (const auto& name : held) {
+            loggers.push_back(registerLogger(*controller, name));
+            loggers.back()->hold();
+        }
+        if (exitAtOnce) controller->joulixExitRequested();
         controller->run();
         return controller;
     }
-
     std::size_t sleepsOf(std::uint64_t us) const {
         auto s = clock.sleepsMicroseconds();
         return static_cast<std::size_t>(std::count(s.begin(), s.end(), us));
@@ -51,113 +80,47 @@ protected:
     jxtest::LogCapture log;
     HiddenBuiltinLoggers builtins;
     jxtest::FakeClock clock;
-    jxtest::RecordingSystemCenter systemCenter;
+    ObservingCenter systemCenter;
     std::atomic<int> stoppedPosts{0};
+    std::vector<std::shared_ptr<CountingLogger>> loggers;
 };
 
 TEST_F(RunThreadTest, OneShotRunWaitsForEveryLoggerThenEnds) {
-    std::shared_ptr<CountingLogger> a, b;
-    auto controller = start(false, false, [&](JoulixMain& c) {
-        a = registerLogger(c, "JXConfigLogger");
-        b = registerLogger(c, "JXBatteryLogger");
-        a->hold();
-        b->hold();
-    });
+    auto controller = start(false, false, {"JXConfigLogger", "JXBatteryLogger"});
     ASSERT_TRUE(waitFor([&] { return controller->setupComplete(); }));
-    EXPECT_EQ(systemCenter.posted(), std::vector<std::string>{JXStateChanged});
-
+    EXPECT_EQ(systemCenter.posts.load(), 1);  // the state change, seen on the bus with the real daemon
     // The run thread is still waiting: nobody has logged.
     ASSERT_TRUE(waitFor([&] { return sleepsOf(50000) >= 3; }));
     EXPECT_TRUE(JoulixMain::haveSharedJoulixMain());
     EXPECT_EQ(stoppedPosts.load(), 0);
 
     // The new log asked each logger for its state; the run ends once both have given it.
-    a->release();
-    ASSERT_TRUE(waitFor([&] { return a->haveLogged(); }));
+    loggers[0]->release();
+    ASSERT_TRUE(waitFor([&] { return loggers[0]->haveLogged(); }));
     std::size_t sleeps = sleepsOf(50000);
     ASSERT_TRUE(waitFor([&] { return sleepsOf(50000) >= sleeps + 3; }));
     EXPECT_TRUE(JoulixMain::haveSharedJoulixMain());
-    b->release();
+    loggers[1]->release();
 
     JoulixMain::waitForRunThreads();
     EXPECT_FALSE(JoulixMain::haveSharedJoulixMain());
     EXPECT_EQ(stoppedPosts.load(), 1);
     EXPECT_FALSE(controller->exitRequested());
-    EXPECT_EQ(systemCenter.posted().size(), 1u);
+    EXPECT_EQ(systemCenter.posts.load(), 1);
 }
 
-TEST_F(RunThreadTest, OneShotRunWithNoLoggersSleepsOnce) {
+TEST_F(RunThreadTest, EarlyExitSkipsTheWaitAndWithNoLoggersItSleepsOnceAndThenIgnoresTheSignal) {
+    auto controller = start(false, false, {"JXDisplayLogger"}, true);
+    JoulixMain::waitForRunThreads();
+    EXPECT_TRUE(controller->exitRequested());
+    EXPECT_FALSE(loggers[0]->haveLogged());
+    EXPECT_EQ(sleepsOf(50000), 0u);
+    EXPECT_EQ(stoppedPosts.load(), 1);
+
     start(false, false);
     JoulixMain::waitForRunThreads();
     EXPECT_EQ(sleepsOf(50000), 1u);
-    EXPECT_EQ(stoppedPosts.load(), 1);
-}
-
-TEST_F(RunThreadTest, EarlyExitRequestSkipsTheWaitForLoggers) {
-    std::shared_ptr<CountingLogger> idle;
-    auto controller = start(false, false, [&](JoulixMain& c) {
-        idle = registerLogger(c, "JXDisplayLogger");
-        idle->hold();
-        c.joulixExitRequested();
-    });
-    JoulixMain::waitForRunThreads();
-    EXPECT_TRUE(controller->exitRequested());
-    EXPECT_FALSE(idle->haveLogged());
-    EXPECT_EQ(sleepsOf(50000), 0u);
-    EXPECT_EQ(stoppedPosts.load(), 1);
-}
-
-TEST_F(RunThreadTest, DaemonRunServesItsRunLoopUntilAnExitRequest) {
-    std::shared_ptr<CountingLogger> idle;
-    auto controller = start(true, true, [&](JoulixMain& c) {
-        idle = registerLogger(c, "JXWiFiLogger");
-        idle->hold();
-    });
-    ASSERT_TRUE(waitFor([&] { return controller->setupComplete(); }));
-    EXPECT_EQ(systemCenter.posted(), std::vector<std::string>{JXStateChanged});
-
-    // Work handed to the shared run loop runs on the run thread.
-    std::atomic<bool> ranOnRunThread{false};
-    JXUtilities::sharedJXRunLoop()->perform(
-        [&] { ranOnRunThread = std::this_thread::get_id() == JXUtilities::sharedJXThread(); });
-    ASSERT_TRUE(waitFor([&] { return ranOnRunThread.load(); }));
-    EXPECT_TRUE(JoulixMain::haveSharedJoulixMain());
-
-    controller->joulixExitRequested();
-    JoulixMain::waitForRunThreads();
-    EXPECT_FALSE(controller->shouldKeepRunning());
-    // A daemon run never waits for its loggers.
-    EXPECT_FALSE(idle->haveLogged());
-    EXPECT_EQ(sleepsOf(50000), 0u);
-    EXPECT_EQ(stoppedPosts.load(), 1);
-}
-
-TEST_F(RunThreadTest, StartDelayOnlyForProcessesNotNamedJoulix) {
-    JXDefaultsSetValueForKey(JXStartDelay, jx::Value(true));
-    struct {
-        const char* process;
-        bool delayed;
-    } cases[] = {{"powertool", true}, {"JOULIX", false}, {"joulix", false}, {"joulixd", true}};
-    for (auto& c : cases) {
-        JXUtilities::setProcessNameForTesting(c.process);
-        std::size_t before = sleepsOf(5000000);
-        std::size_t messagesBefore = log.count("ready...");
-        start(false, false);
-        JoulixMain::waitForRunThreads();
-        EXPECT_EQ(sleepsOf(5000000) - before, c.delayed ? 2u : 0u) << c.process;
-        EXPECT_EQ(log.count("ready...") - messagesBefore, c.delayed ? 1u : 0u) << c.process;
-    }
-    auto messages = log.messages();
-    auto ready = std::find(messages.begin(), messages.end(), "ready...");
-    ASSERT_NE(ready, messages.end());
-    ASSERT_LT(ready + 2, messages.end());
-    EXPECT_EQ(*(ready + 1), "set...");
-    EXPECT_EQ(*(ready + 2), "Go!");
-}
-
-TEST_F(RunThreadTest, SignalIsIgnoredOnceTheControllerIsGone) {
-    start(false, false);
-    JoulixMain::waitForRunThreads();
+    EXPECT_EQ(stoppedPosts.load(), 2);
     ASSERT_TRUE(waitFor([] {
         struct sigaction sa {};
         sigaction(SIGUSR1, nullptr, &sa);
@@ -169,23 +132,198 @@ TEST_F(RunThreadTest, SignalIsIgnoredOnceTheControllerIsGone) {
     EXPECT_FALSE(JoulixMain::haveSharedJoulixMain());
 }
 
-TEST(FatalError, LogsOneLineAndExitsWithStatusOne) {
+// The daemon's own name (joulix) is checked with the real binary; here the others.
+TEST_F(RunThreadTest, StartDelayOnlyForProcessesNotNamedJoulix) {
+    JXDefaultsSetValueForKey(JXStartDelay, jx::Value(true));
+    for (auto [process, delayed] : {std::pair{"JOULIX", false}, {"joulixd", true}}) {
+        JXUtilities::setProcessNameForTesting(process);
+        std::size_t before = sleepsOf(5000000), messagesBefore = log.count("ready...");
+        start(false, false);
+        JoulixMain::waitForRunThreads();
+        EXPECT_EQ(sleepsOf(5000000) - before, delayed ? 2u : 0u) << process;
+        EXPECT_EQ(log.count("ready...") - messagesBefore, delayed ? 1u : 0u) << process;
+    }
+    auto messages = log.messages();
+    auto ready = std::find(messages.begin(), messages.end(), "ready...");
+    ASSERT_LT(ready + 2, messages.end());
+    EXPECT_EQ(*(ready + 1), "set...");
+    EXPECT_EQ(*(ready + 2), "Go!");
+}
+
+// With a reason ("Linking log: Not a directory") it is run with the real daemon.
+TEST(FatalError, WithoutAReasonLogsTheWhatAloneAndExitsWithStatusOne) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     jxtest::TestRoot root;
     auto controller = JoulixMain::create();
-    ASSERT_TRUE(controller);
-    EXPECT_EXIT(
-        {
-            jx::setLogToStderr(true);
-            controller->fatalError("Linking log", std::string("File exists"));
-        },
-        ::testing::ExitedWithCode(1), "Linking log: File exists");
     EXPECT_EXIT(
         {
             jx::setLogToStderr(true);
             controller->fatalError("joulix.DeleteFile", std::nullopt);
         },
         ::testing::ExitedWithCode(1), "joulix.DeleteFile\n");
+}
+
+// The controller's observers and its trigger, with the system-wide centre's test
+// double delivering on this thread's run loop. Exit requests and the first unlock
+// are run with the real daemon.
+class NotificationsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        JXDefaultsSetValueForKey(JXRotateJoulixDebug, jx::Value(true));  // read at init
+        controller = JoulixMain::create();
+        controller->setShouldKeepRunning(true);
+        JXUtilities::setSharedJXRunLoop(loop);
+        for (const char* name : {JXFlushRadiosNotification, JXCommitRadiosNotification})
+            jx::NotificationCenter::defaultCenter().addObserver(this, name, [this](const jx::Notification& n) {
+                radios.push_back(n.name);
+                EXPECT_EQ(n.object, controller.get());
+            });
+    }
+    void TearDown() override {
+        // A log-file check may still hold the controller: let it end before the test does.
+        JXUtilities::sharedDispatchQueue().sync([] {});
+        jx::NotificationCenter::defaultCenter().removeObserver(this);
+        JXUtilities::setSharedJXRunLoop(nullptr);
+    }
+    // Serves this thread's run loop until nothing is left to do now.
+    void drain() {
+        while (loop->runUntilSourceHandled(0) == jx::RunLoop::Result::HandledSource) {
+        }
+    }
+
+    jxtest::TestRoot root;
+    jxtest::LogCapture log;
+    ObservingCenter center;
+    WrittenLog written;
+    std::shared_ptr<JoulixMain> controller;
+    std::shared_ptr<jx::RunLoop> loop = jx::RunLoop::current();
+    std::vector<std::string> radios;
+};
+
+// A status request and SIGUSR1 making every logger log once more are run with the real daemon.
+TEST_F(NotificationsTest, TriggerFlushesTheRadiosOnlyUSR1TriggersAndAfterStopNothingReacts) {
+    auto a = registerLogger(*controller, "JXConfigLogger");
+    controller->loggerList()->setObject(JXValue::valueWithObject(JXNull::null()), "JXNullLogger");
+    const auto before = log.messages();
+    signalTrigger(SIGUSR2);  // any other signal does nothing
+    EXPECT_EQ(log.messages(), before);
+    controller->triggerAllLoggers("signal(10)");
+    EXPECT_EQ(log.count("Received signal(signal(10)), calling log on all loggers"), 1u);
+    EXPECT_EQ(radios, (std::vector<std::string>{JXFlushRadiosNotification, JXCommitRadiosNotification}));
+    EXPECT_EQ(written.count("[Log] state=signal(10);"), 1u);
+    a->loggerSerialQueue().sync([] {});
+    EXPECT_EQ(a->samples(), 1);
+
+    int sender = 0;
+    controller->setupNotifications();
+    EXPECT_EQ(center.observed, (std::vector<std::string>{JXExitRequest, JXLogStateRequest, JXFirstUnlockNotification}));
+    EXPECT_EQ(written.count("[Log-SetupNotifications] SetupNotifications=fired;"), 1u);
+    JXUtilities::postNotificationName(JXConnectedStateNo, &sender);  // any sender
+    EXPECT_EQ(written.count("[Log-logFileCheckFired] logFileCheckFired=fired;"), 1u);
+
+    controller->stopNotifications();
+    EXPECT_TRUE(center.observed.empty());
+    JXUtilities::postNotificationName(JXConnectedStateNo, nullptr);
+    drain();
+    EXPECT_FALSE(controller->exitRequested());
+    EXPECT_TRUE(controller->shouldKeepRunning());
+    EXPECT_EQ(log.count("lockvault unlocked!"), 0u);
+    a->loggerSerialQueue().sync([] {});
+    EXPECT_EQ(a->samples(), 1);
+    EXPECT_EQ(written.count("logFileCheckFired=fired;"), 1u);
+}
+
+// Setting up the loggers: the core list, the static list and the plug-in
+// directory, with the messages each choice leaves in the system log.
+
+class RegistryTest : public ControllerTest {
+protected:
+    void SetUp() override {
+        ControllerTest::SetUp();
+        controller->setLogToFile(false);
+        controller->setShouldKeepRunning(true);  // state entries are written only then
+        fs::create_directories(root("/System/Library/JoulixPlugins"));
+    }
+    static void setEnabled(const std::string& logger, bool on) {
+        JXDefaultsSetValueForKey(logger, jx::Value(jx::Dictionary{{"Enabled", jx::Value(on)}}));
+    }
+    std::vector<std::string> registered() const { return controller->loggerList()->keys(); }
+    void installBundle(const std::string& as) { jxtest::installBundle(root, "JXTestBundleLogger.bundle", as); }
+    HiddenBuiltinLoggers builtins;
+};
+
+TEST_F(RegistryTest, StaticListSetsUpEnabledCoreLoggersOnceAndReportsDisabledOnesTwice) {
+    ScopedLoggerClass config("JXConfigLogger"), battery("JXBatteryLogger");
+    ScopedLoggerClass kpc("JXKPCLogger", [] { return std::shared_ptr<JXLogger>(); });
+    setEnabled("JXBatteryLogger", false);
+    JXDefaultsSetValueForKey(JXLoggingMode, jx::Value(1));
+    WrittenLog written;  // it may take entries other tests left waiting for a file
+    const std::size_t booting = written.count("[Log] state=booting;");
+    controller->setupLoggers();
+    EXPECT_EQ(registered(), std::vector<std::string>{"JXConfigLogger"});
+    for (auto [message, times] :
+         {std::pair{"setting up core logger JXConfigLogger", 1u},
+          {"setting up bundle logger JXConfigLogger", 0u},
+          {"Skipping core logger JXBatteryLogger", 1u},
+          {"Skipping bundle logger JXBatteryLogger", 1u},
+          {"ERROR: No plugin bundle found for JXKPCLogger", 2u},  // found, but no logger: as core and as bundle
+          {"Could not find JXSettingsLogger, skipping.", 2u},
+          {"Skipping bundle logger JXPushNotificationLogger", 1u},  // off unless switched on
+          {"Could not find JXPushNotificationLogger, skipping.", 0u}})
+        EXPECT_EQ(log.count(message), times) << message;
+    // Each name is tried once per list: 18 core, then the 35 static names not yet registered.
+    EXPECT_EQ(log.countContaining("core logger"), 18u);
+    EXPECT_EQ(log.countContaining("bundle logger"), 35u);
+    EXPECT_EQ(written.count("[Log] state=booting;"), booting + 1);
+
+    // Switched on, the push-notification logger is tried like any other.
+    controller.reset();
+    controller = JoulixMain::create();
+    setEnabled("JXPushNotificationLogger", true);
+    controller->setupLoggers();
+    EXPECT_EQ(log.count("Could not find JXPushNotificationLogger, skipping."), 1u);
+}
+
+TEST_F(RegistryTest, ModeZeroSkipsDisabledLoggersSilently) {
+    ScopedLoggerClass battery("JXBatteryLogger");
+    setEnabled("JXBatteryLogger", false);
+    JXDefaultsSetValueForKey(JXLoggingMode, jx::Value(0));
+    controller->setupLoggers();
+    EXPECT_TRUE(registered().empty());
+    for (const char* word : {"Skipping", "JXBatteryLogger", "JXPushNotificationLogger"})
+        EXPECT_EQ(log.countContaining(word), 0u) << word;
+}
+
+TEST_F(RegistryTest, DynamicDiscoveryLoadsBundlesSkipsDebugSymbolsAndRunsOnce) {
+    JXDefaultsSetValueForKey(JXLoggerDiscovery, jx::Value("DYNAMIC"));
+    installBundle("JXThermalLogger.bundle");
+    fs::create_directories(root("/System/Library/JoulixPlugins/JXThermalLogger.bundle.dSYM"));
+    root.writeFile("/System/Library/JoulixPlugins/README", "plug-ins live here\n");
+    controller->setupLoggers();
+    EXPECT_EQ(registered(), std::vector<std::string>{"JXThermalLogger"});
+    EXPECT_EQ(JXUtilities::getLoggerForName("JXThermalLogger")->name(), "JXTestBundleLogger");
+    for (auto [message, times] : {std::pair{"setting up bundle logger JXThermalLogger", 1u},
+                                  {"skipped JXThermalLogger.bundle.dSYM", 1u},
+                                  {"setting up bundle logger README", 1u},
+                                  {"Could not find README, skipping.", 1u},
+                                  {"Could not find JXAccessoryLogger, skipping.", 0u}})  // the static list is not used
+        EXPECT_EQ(log.count(message), times) << message;
+
+    // The registry is filled once.
+    auto before = log.messages().size();
+    auto logger = JXUtilities::getLoggerForName("JXThermalLogger");
+    controller->setupLoggers();
+    EXPECT_EQ(log.messages().size(), before);
+    EXPECT_EQ(JXUtilities::getLoggerForName("JXThermalLogger"), logger);
+    controller->addLoggerByName("JXThermalLogger");
+    EXPECT_EQ(log.count("Logger JXThermalLogger already exists, skipping."), 1u);
+}
+
+TEST_F(RegistryTest, ALoadedClassComesBeforeTheBundleOfTheSameName) {
+    installBundle("JXConfigLogger.bundle");
+    ScopedLoggerClass config("JXConfigLogger");
+    controller->addLoggerByName("JXConfigLogger");
+    EXPECT_TRUE(std::dynamic_pointer_cast<CountingLogger>(JXUtilities::getLoggerForName("JXConfigLogger")));
 }
 
 }  // namespace

@@ -1,112 +1,96 @@
+// The controller's settings, modes, rotation periods and log files.
 #include <gtest/gtest.h>
-#include <unicode/timezone.h>
+#include <unicode/calendar.h>
 
-#include <filesystem>
+#include <cstdio>
 
 #include "JoulixMain/JoulixMain.h"
 #include "defaults/JXDefaults.h"
 #include "platform/JXUtilities.h"
-#include "platform/Root.h"
+#include "tests/JoulixMain/TestLogger.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
 const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
+const std::string kRolled = "/var/mobile/Library/Logs/Faultkeeper/JX_a.joulix";
 const std::string kGUID = "0C1E3A52-7F0B-4C8E-9D1A-2B3C4D5E6F70";
 
-class LogFileTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC"));
-        controller = JoulixMain::create();
-        ASSERT_TRUE(controller);
-        std::filesystem::create_directories(root("/var/mobile/Library/Logs/Faultkeeper"));
-    }
-    std::string header(const std::string& timestamp, const std::string& build = "12 (6.1.0-27-amd64)",
-                       const std::string& guid = kGUID) {
-        return "11/21/2026 16:20:00.123 [Joulix] Version=6.01; Build=" + build + "; Timestamp=" + timestamp +
-               "; File_GUID=" + guid + "; rotateJoulixKey=Default; loggingMode=Lite; binary=joulix; pid=4242;\n";
-    }
-    jxtest::TestRoot root;
-    std::shared_ptr<JoulixMain> controller;
-};
+std::string header(const std::string& timestamp, const std::string& build = "12 (6.1.0-27-amd64)") {
+    return "11/21/2026 16:20:00.123 [Joulix] Version=6.01; Build=" + build + "; Timestamp=" + timestamp +
+           "; File_GUID=" + kGUID + "; rotateJoulixKey=Default; loggingMode=Lite; binary=joulix; pid=4242;\n";
+}
 
+using LogFileTest = ControllerTest;
+using RotationTest = ControllerTest;
+using ModesTest = ControllerTest;
+
+// A whole header, and one pushed past the first 512 bytes, are read by the real daemon.
 TEST_F(LogFileTest, HeaderIsReadBackOnlyWhenWholeAndExact) {
+    std::string cut = header("2026-11-21-162000");
+    cut += std::string(511 - cut.size(), '-') + "\xc3\xbc tail\n";  // "ü" straddles byte 512: no harm
     struct Case {
         const char* what;
         std::string contents;
         bool ok;
     } cases[] = {
-        {"a header", header("2026-11-21-162000"), true},
         {"a header followed by entries", header("2026-11-21-162000") + "11/21/2026 [Display] active=YES;\n", true},
+        {"a character cut at the end of the prefix", cut, true},
         {"no Build", "[Joulix] Version=6.01; Timestamp=2026-11-21-162000; File_GUID=" + kGUID + ";", false},
-        {"no File_GUID", "[Joulix] Build=12; Timestamp=2026-11-21-162000;", false},
-        {"File_GUID without its semicolon", "[Joulix] Build=12; Timestamp=2026-11-21-162000; File_GUID=" + kGUID, false},
+        {"File_GUID without its semicolon", "[Joulix] Build=12; Timestamp=2026-11-21-162000; File_GUID=" + kGUID,
+         false},
         {"short timestamp field", header("2026-11-21-16200"), false},
-        {"short month", header("2026-1-21-162000"), false},
         {"trailing garbage", header("2026-11-21-162000x"), false},
         {"impossible date", header("2026-02-30-162000"), false},
         {"not UTF-8", header("2026-11-21-162000", "12 (\xff\xfe)"), false},
         {"empty", "", false},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
         root.writeFile(kLog, c.contents);
         controller->setFileGUID("before");
         std::string build = "untouched";
         jx::Date date{42};
-        EXPECT_EQ(controller->readLogFilePrefix(root(kLog), &build, &date), c.ok) << c.what;
-        if (c.ok) {
-            EXPECT_EQ(build, "12 (6.1.0-27-amd64)") << c.what;
-            EXPECT_EQ(date.secondsSince1970, 1795278000) << c.what;  // 2026-11-21 16:20:00 UTC
-            EXPECT_EQ(controller->fileGUID(), kGUID) << c.what;
-        } else {
-            EXPECT_EQ(build, "untouched") << c.what;
-            EXPECT_EQ(date.secondsSince1970, 42) << c.what;
-        }
+        EXPECT_EQ(controller->readLogFilePrefix(root(kLog), &build, &date), c.ok);
+        EXPECT_EQ(build, c.ok ? "12 (6.1.0-27-amd64)" : "untouched");
+        EXPECT_EQ(date.secondsSince1970, c.ok ? 1795278000 : 42);  // 2026-11-21 16:20:00 UTC
+        EXPECT_EQ(controller->fileGUID(), c.ok ? kGUID : "before");
     }
     EXPECT_FALSE(controller->readLogFilePrefix(root("/nowhere.joulix"), nullptr, nullptr));
     EXPECT_FALSE(controller->readLogFilePrefix("", nullptr, nullptr));
 }
 
-TEST_F(LogFileTest, CharacterCutAtTheEndOfThePrefixDoesNotSpoilTheHeader) {
-    std::string contents = header("2026-11-21-162000");
-    contents += std::string(511 - contents.size(), '-') + "\xc3\xbc tail\n";  // "ü" straddles byte 512
-    root.writeFile(kLog, contents);
-    EXPECT_TRUE(controller->readLogFilePrefix(root(kLog), nullptr, nullptr));
-}
-
-TEST_F(LogFileTest, RolledNameCarriesTimestampGUIDAndOptionallyTheDeviceName) {
+// Without the device name the rolled names are checked on the real daemon's logs.
+TEST_F(LogFileTest, RolledNameMayCarryTheDeviceName) {
     controller->setFileGUID(kGUID);
-    jx::Date date{1394234105};  // 2014-03-07 23:15:05 UTC
-    EXPECT_EQ(controller->logFileNameForTimestamp(date), "JX_2014-03-07-231505_" + kGUID + ".joulix");
     JXDefaultsSetValueForKey(JXDeviceNameInFileName, jx::Value(true));
-    EXPECT_EQ(controller->logFileNameForTimestamp(date),
+    EXPECT_EQ(controller->logFileNameForTimestamp(jx::Date{1394234105}),  // 2014-03-07 23:15:05 UTC
               "JX_2014-03-07-231505_" + JXUtilities::deviceName() + "_" + kGUID + ".joulix");
 }
 
 TEST_F(LogFileTest, RenameAsideUpToTenCopiesThenDelete) {
-    const std::string path = root("/var/mobile/Library/Logs/Faultkeeper/JX_a.joulix");
+    const std::string path = root(kRolled);
     EXPECT_FALSE(controller->moveFileAtPath(path));
     for (int k = 1; k <= 10; ++k) {
-        root.writeFile("/var/mobile/Library/Logs/Faultkeeper/JX_a.joulix", std::to_string(k));
+        root.writeFile(kRolled, std::to_string(k));
         EXPECT_TRUE(controller->moveFileAtPath(path));
         EXPECT_FALSE(std::filesystem::exists(path));
-        EXPECT_EQ(root.readFile("/var/mobile/Library/Logs/Faultkeeper/JX_a.joulix-" + std::to_string(k)), std::to_string(k));
+        EXPECT_EQ(root.readFile(kRolled + "-" + std::to_string(k)), std::to_string(k));
     }
-    jxtest::LogCapture log;
-    root.writeFile("/var/mobile/Library/Logs/Faultkeeper/JX_a.joulix", "eleventh");
+    root.writeFile(kRolled, "eleventh");
     EXPECT_TRUE(controller->moveFileAtPath(path));
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_TRUE(log.contains("Had to delete " + path + ", too many copies to rename."));
-    EXPECT_EQ(root.readFile("/var/mobile/Library/Logs/Faultkeeper/JX_a.joulix-10"), "10");
+    EXPECT_EQ(root.readFile(kRolled + "-10"), "10");
 }
 
 TEST_F(LogFileTest, MoveTestsTheCurrentLogNotTheSource) {
+    const std::string other = root("/var/mobile/Library/Logs/other"), moved = root("/var/mobile/Library/Logs/moved");
     root.writeFile("/var/mobile/Library/Logs/other", "x");
-    EXPECT_FALSE(controller->moveFileFromPath(root("/var/mobile/Library/Logs/other"), root("/var/mobile/Library/Logs/moved")));
-    EXPECT_TRUE(std::filesystem::exists(root("/var/mobile/Library/Logs/other")));
+    EXPECT_FALSE(controller->moveFileFromPath(other, moved));
+    EXPECT_TRUE(std::filesystem::exists(other));
     root.writeFile(kLog, "log");
-    EXPECT_TRUE(controller->moveFileFromPath(root("/var/mobile/Library/Logs/other"), root("/var/mobile/Library/Logs/moved")));
+    EXPECT_TRUE(controller->moveFileFromPath(other, moved));
     EXPECT_EQ(root.readFile("/var/mobile/Library/Logs/moved"), "x");
 }
 
@@ -119,6 +103,157 @@ TEST_F(LogFileTest, LockedOnlyWhenLockedSinceBootWithAFileThatCannotBeSecured) {
     EXPECT_TRUE(controller->fileIsUnlockedAtPath(root("/var/mobile/Library/Logs/absent"), "test"));
     root.writeFile("/run/joulix/lock-state", "2\n");
     EXPECT_TRUE(controller->fileIsUnlockedAtPath(unsecurable, "test"));
+}
+
+// A local time "yyyy-mm-dd hh:mm[:ss.s]" in the zone, as a Date.
+jx::Date local(const char* zone, const char* text) {
+    int y, mo, d, h, mi;
+    double s = 0;
+    EXPECT_GE(std::sscanf(text, "%d-%d-%d %d:%d:%lf", &y, &mo, &d, &h, &mi, &s), 5) << text;
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::Calendar> cal(icu::Calendar::createInstance(icu::TimeZone::createTimeZone(zone), status));
+    cal->clear();
+    cal->set(y, mo - 1, d, h, mi, static_cast<int>(s));
+    return jx::Date{cal->getTime(status) / 1000.0 + (s - static_cast<int>(s))};
+}
+
+// "1 minute" and the settings without a future rollover are run in the real daemon too.
+TEST_F(RotationTest, PeriodsOverTheSettingForms) {
+    const char* tooLarge = "the log rollover increment is too large";
+    struct Case {
+        jx::Value setting;
+        const char *now, *start, *rollover;
+        const char* message = nullptr;  // expected system-log line
+        const char* zone = "UTC";
+    } cases[] = {
+        {jx::Value(), "2026-11-21 23:59:59.5", "2026-11-21 00:00", "2026-11-22 00:00"},
+        {jx::Value(), "2026-11-22 00:00:00", "2026-11-22 00:00", "2026-11-23 00:00"},
+        {jx::Value("90 minute"), "2026-11-21 23:00", "2026-11-21 22:30", "2026-11-22 00:00"},
+        {jx::Value("90 minute"), "2026-11-21 01:29:59", "2026-11-21 00:00", "2026-11-21 01:30"},
+        {jx::Value("5 hour"), "2026-11-21 21:00", "2026-11-21 20:00", "2026-11-22 00:00"},
+        {jx::Value("7 day"), "2026-10-29 12:00", "2026-10-29 00:00", "2026-11-01 00:00"},
+        {jx::Value(3), "2026-11-05 12:00", "2026-11-04 00:00", "2026-11-07 00:00"},
+        {jx::Value("30 hour"), "2026-11-21 12:00", "2026-11-21 00:00", "2026-11-22 00:00", tooLarge},
+        {jx::Value("40 day"), "2026-11-21 12:00", "2026-11-01 00:00", "2026-12-01 00:00", tooLarge},
+        {jx::Value("-1"), "2026-11-21 12:00", "2026-11-21 00:00", "2026-11-22 00:00",
+         "Unsupported JXRotateJoulix value -1"},
+        {jx::Value("2 week"), "2026-11-21 12:00", "2026-11-21 00:00", "2026-11-22 00:00",
+         "Unsupported JXRotateJoulix value 2 week"},
+        // No future rollover would roll in a loop: once a day instead (a period cut to
+        // zero bits is run with the real daemon).
+        {jx::Value(-2), "2026-11-21 10:00", "2026-11-21 00:00", "2026-11-22 00:00",
+         "the JXRotateJoulix setting -2 gives no future rollover: rolling once a day"},
+        // A day across the change to summer time lasts 23 hours, across the change back 25.
+        {jx::Value(), "2026-03-29 12:00", "2026-03-29 00:00", "2026-03-30 00:00", nullptr, "Europe/Berlin"},
+        {jx::Value("1 hour"), "2026-10-25 23:30", "2026-10-25 23:00", "2026-10-26 00:00", nullptr, "Europe/Berlin"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.setting.description() + " at " + c.now);
+        useZone(c.zone);
+        JXDefaultsSetValueForKey(JXRotateJoulixKey, c.setting);
+        clock.setNow(local(c.zone, c.now));
+        std::size_t before = c.message ? log.count(c.message) : 0;
+        std::optional<jx::Date> start, rollover;
+        ASSERT_TRUE(controller->shouldRotateLogFilesWithPeriodStart(&start, &rollover));
+        EXPECT_EQ(*start, local(c.zone, c.start));
+        EXPECT_EQ(*rollover, local(c.zone, c.rollover));
+        EXPECT_EQ(log.count(c.message ? c.message : "none"), c.message ? before + 1 : 0);
+    }
+    // The lengths across daylight-saving changes are calendar days.
+    EXPECT_EQ(local("Europe/Berlin", "2026-03-30 00:00").secondsSince1970 -
+                  local("Europe/Berlin", "2026-03-29 00:00").secondsSince1970,
+              23 * 3600);
+}
+
+TEST_F(RotationTest, NoRotationWhenOffOrNotLoggingToFile) {
+    for (jx::Value off : {jx::Value("0"), jx::Value(0), jx::Value(""), jx::Value("0 day"), jx::Value("zero")}) {
+        JXDefaultsSetValueForKey(JXRotateJoulixKey, off);
+        EXPECT_FALSE(controller->shouldRotateLogFilesWithPeriodStart(nullptr, nullptr)) << off.description();
+    }
+    JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value("-3 hour"));
+    EXPECT_TRUE(controller->shouldRotateLogFilesWithPeriodStart(nullptr, nullptr));
+    EXPECT_FALSE(log.contains("Unsupported JXRotateJoulix value -3 hour"));
+    controller->setLogToFile(false);
+    EXPECT_FALSE(controller->shouldRotateLogFilesWithPeriodStart(nullptr, nullptr));
+}
+
+TEST_F(RotationTest, DateRangeIncludesItsStartOnlyAndDurationsAreInSeconds) {
+    jx::Date a{1000}, b{2000};
+    EXPECT_TRUE(controller->dateInRange(a, a, b));
+    EXPECT_TRUE(controller->dateInRange(jx::Date{1999.999}, a, b));
+    EXPECT_FALSE(controller->dateInRange(b, a, b));
+    EXPECT_FALSE(controller->dateInRange(jx::Date{999.5}, a, b));
+    struct {
+        jx::Value value;
+        std::int32_t seconds;
+    } cases[] = {
+        {jx::Value("14 day"), 1209600},
+        {jx::Value(14), 1209600},
+        {jx::Value("14 fortnight"), 1209600},
+        {jx::Value(""), 0},
+        {jx::Value("-1 hour"), -1},
+        {jx::Value(), -1},
+        {jx::Value("2 hour"), 7200},
+        {jx::Value("3 minute"), 180},
+        {jx::Value(jx::Array{}), -1},
+        {jx::Value("-2 day"), -172800},
+        {jx::Value("25000 day"), static_cast<std::int32_t>(25000u * 86400u)},
+        {jx::Value(2.9), 172800},
+        {jx::Value(4294967295LL), -1},
+    };
+    for (auto& c : cases)
+        EXPECT_EQ(controller->ComputeTimeFromNowFromDefaults(c.value), c.seconds) << c.value.description();
+}
+
+TEST_F(ModesTest, LoggingModeNames) {
+    EXPECT_EQ(controller->currentLoggingModeString(), "Lite");  // unset
+    EXPECT_EQ(controller->rotateJoulixDefaultStringValue(), "Default");
+    for (auto [stored, name] : {std::pair{0LL, "Lite"}, {32768LL, "Lite"}, {1LL, "Full"}, {-1LL, "Full"}}) {
+        JXDefaultsSetValueForKey(JXLoggingMode, jx::Value(stored));
+        EXPECT_EQ(controller->currentLoggingModeString(), name) << stored;
+    }
+}
+
+TEST_F(ModesTest, LoggerAndRunningModesFollowTheRegistryAndTheProcessName) {
+    struct RunningCase {
+        const char* process;
+        int expected[3];  // by logger mode 0, 1, 2
+    } running[] = {{"joulix", {2, 1, 4}}, {"JOULIX", {2, 1, 4}}, {"powertool", {0, 3, 4}}};
+    auto check = [&](int loggerMode) {
+        EXPECT_EQ(controller->currentLoggerMode(), loggerMode);
+        for (auto& r : running) {
+            JXUtilities::setProcessNameForTesting(r.process);
+            EXPECT_EQ(controller->currentRunningMode(), r.expected[loggerMode]) << r.process << " mode " << loggerMode;
+        }
+    };
+    check(2);  // nothing registered
+    registerLogger(*controller, "JXConfigLogger");
+    registerLogger(*controller, "JXDisplayLogger");
+    controller->loggerList()->setObject(JXValue::valueWithObject(JXNull::null()), "JXCameraLogger");
+    check(0);  // core loggers only: a null placeholder does not count
+    registerLogger(*controller, "JXThermalLogger");
+    check(1);
+}
+
+TEST_F(ModesTest, FullModeDayListKeepsTodayOnceAndLast) {
+    std::string today;
+    {
+        std::lock_guard lock(controller->logTimestampFormatter().monitor());
+        today = controller->logTimestampFormatter().stringFromDate(jx::Date::now()).substr(0, 10);
+    }
+    auto list = [](std::vector<std::string> days) {
+        jx::Array a;
+        for (auto& d : days) a.push_back(jx::Value(d));
+        return jx::Value(a);
+    };
+    JXDefaultsSetValueForKey(JXFullModeBlackList, list({today, "2026-01-02", today}));
+    controller->blackListTodayAsFullMode();
+    controller->blackListTodayAsFullMode();
+    EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList), list({"2026-01-02", today}));
+    // An unset or wrong-typed list starts afresh.
+    JXDefaultsSetValueForKey(JXFullModeBlackList, jx::Value("garbage"));
+    controller->blackListTodayAsFullMode();
+    EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList), list({today}));
 }
 
 }  // namespace

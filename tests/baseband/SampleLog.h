@@ -18,17 +18,12 @@ namespace jxtest {
 // Builds a power log in time order; the clock starts at 11/14/2026 10:00:00 local time.
 class SampleLog {
 public:
-    explicit SampleLog(double startOffsetSeconds = 0) {
+    SampleLog() {
         std::tm tm{};
-        tm.tm_year = 2026 - 1900;
-        tm.tm_mon = 10;
-        tm.tm_mday = 14;
-        tm.tm_hour = 10;
+        strptime("11/14/2026 10:00:00", "%m/%d/%Y %H:%M:%S", &tm);
         tm.tm_isdst = -1;
-        now_ = static_cast<double>(std::mktime(&tm)) + startOffsetSeconds;
+        now_ = static_cast<double>(std::mktime(&tm));
     }
-    // Seconds since 1970 of the present line time.
-    double now() const { return now_; }
     void advance(double seconds) { now_ += seconds; }
 
     // One line at the present time (and the clock one millisecond on).
@@ -54,17 +49,12 @@ public:
     const std::string& text() const { return text_; }
 
     static std::string stamp(double t) {
-        std::time_t whole = static_cast<std::time_t>(std::floor(t));
-        int ms = static_cast<int>(std::lround((t - std::floor(t)) * 1000.0));
-        if (ms == 1000) {
-            ++whole;
-            ms = 0;
-        }
+        const long long ms = std::llround(t * 1000);
+        const std::time_t whole = ms / 1000;
         std::tm tm{};
         localtime_r(&whole, &tm);
         char buf[64];
-        std::snprintf(buf, sizeof buf, "%02d/%02d/%04d %02d:%02d:%02d.%03d", tm.tm_mon + 1, tm.tm_mday,
-                      tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
+        std::snprintf(buf + std::strftime(buf, 40, "%m/%d/%Y %H:%M:%S", &tm), 8, ".%03lld", ms % 1000);
         return buf;
     }
     static std::string number(double v) {

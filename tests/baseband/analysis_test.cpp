@@ -1,7 +1,12 @@
-// The sweep over the events, the verdict and the metric record.
+// The pattern table, matching lines, event keys and the dispatch of matched lines; the
+// sweep over the events, the verdict and the metric record.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <ctime>
 #include <filesystem>
+#include <numeric>
+#include <sstream>
 
 #include "baseband/JXBasebandPostProcessing.h"
 #include "platform/Metrics.h"
@@ -13,110 +18,60 @@ namespace {
 using Dictionary = JXBasebandPostProcessing::Dictionary;
 using PDF = JXBasebandPostProcessing::PDF;
 
-// Events in time order, as the reading loop stores them.
-class Events {
-public:
-    Events& sample(double u, double d, double a = 10, double p = 10) {
-        return add(
-            jx::formatString("ARMUtility=%f;ARMUtilityDuration=%f;APPSValue=%f;PERIPHERALSValue=%f;", u, d, a, p));
-    }
-    Events& add(const std::string& text) {
-        processor.addKey(jx::formatString("%f", time), text, events);
-        time += 60;
-        return *this;
-    }
-    JXBasebandPostProcessing processor;
+// Events in time order, one a minute, as the reading loop stores them: "u/d" or
+// "u/d/a/p" is a sample (APPS and peripherals 10 unless given), anything else an event.
+JXBasebandPostProcessing::PDF sweep(JXBasebandPostProcessing& processor, const std::string& series) {
     Dictionary events;
     double time = 1794651600;
-};
-
-// The bins that hold something, as bin → count.
-std::map<int, int> filled(const PDF& pdf) {
-    std::map<int, int> out;
-    for (std::size_t i = 0; i < pdf.size(); ++i)
-        if (pdf[i]) out[static_cast<int>(i)] = pdf[i];
-    return out;
-}
-
-class Sweep : public ::testing::Test {
-protected:
-    std::map<int, int> sweep(Events& e) {
-        PDF pdf(101, 0);
-        e.processor.calculateARMUtilityFor(&e.events, pdf);
-        return filled(pdf);
+    std::istringstream in(series);
+    for (std::string event; in >> event; time += 60) {
+        double v[4] = {0, 0, 10, 10};
+        if (std::sscanf(event.c_str(), "%lf/%lf/%lf/%lf", &v[0], &v[1], &v[2], &v[3]) >= 2)
+            event = jx::formatString("ARMUtility=%f;ARMUtilityDuration=%f;APPSValue=%f;PERIPHERALSValue=%f;", v[0],
+                                     v[1], v[2], v[3]);
+        processor.addKey(jx::formatString("%f", time), event, events);
     }
-    jxtest::TestRoot root;
-    jxtest::LogCapture log;
-};
+    PDF pdf(101, 0);
+    processor.calculateARMUtilityFor(&events, pdf);
+    return pdf;
+}
 
 // Rounding into bins and the APPS limit, and the display's reset, are checked end
 // to end by the joulixctl bbpower tests; these are the other rules of the sweep.
-TEST_F(Sweep, IdleIntervalsOfSixHundredSecondsGoIntoTheirBinAndUseOfTheDeviceResets) {
-    struct {
+TEST(Sweep, IdleIntervalsOfSixHundredSecondsGoIntoTheirBinAndUseOfTheDeviceResets) {
+    jxtest::LogCapture log;
+    const struct {
         const char* name;
-        std::function<void(Events&)> events;
+        const char* series;
         std::map<int, int> bins;
     } cases[] = {
-        {"two 300 s samples at 100 %", [](Events& e) { e.sample(100, 300).sample(100, 300); }, {{100, 1}}},
-        {"two intervals at 100 %", [](Events& e) { e.sample(100, 300).sample(100, 300).sample(100, 600); }, {{100, 2}}},
-        {"duration-weighted mean", [](Events& e) { e.sample(10, 200).sample(40, 400); }, {{30, 1}}},
-        {"599 s close nothing", [](Events& e) { e.sample(50, 599); }, {}},
-        {"peripherals at 70.1 discard it",
-         [](Events& e) { e.sample(50, 300).sample(50, 300, 10, 70.1).sample(50, 300); },
-         {}},
-        {"a sample at 0 % neither adds nor resets",
-         [](Events& e) { e.sample(60, 300).sample(0, 900).sample(60, 300); },
-         {{60, 1}}},
-        {"a negative utility does not match and counts as zeros",
-         [](Events& e) {
-             e.sample(80, 300)
-                 .add(
-                     "ARMUtility=-5.000000;ARMUtilityDuration=900.000000;APPSValue=10.000000;PERIPHERALSValue=1."
-                     "000000;")
-                 .sample(80, 300);
-         },
-         {{80, 1}}},
+        {"duration-weighted mean", "10/200 40/400", {{30, 1}}},
+        {"599 s close nothing", "50/599", {}},
+        {"peripherals at 70.1 discard it", "50/300 50/300/10/70.1 50/300", {}},
+        {"a sample at 0 % neither adds nor resets", "60/300 0/900 60/300", {{60, 1}}},
+        {"a mean above 100 has no bin", "150/600", {}},
+        {"a negative utility does not match and counts as zeros", "80/300 -5/900/10/1 80/300", {{80, 1}}},
         {"a sample with absent values counts as zeros",
-         [](Events& e) {
-             e.sample(80, 300)
-                 .add("ARMUtility=(null);ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=0.000000;")
-                 .sample(80, 300);
-         },
+         "80/300 ARMUtility=(null);ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=0.000000; 80/300",
          {{80, 1}}},
-        {"events the sweep does not read change nothing",
-         [](Events& e) { e.sample(80, 300).add("APSleepStatus=sleep").add("BATTERY_CHARGING_ACTIVE").sample(80, 300); },
+        {"events it does not read change nothing",
+         "80/300 APSleepStatus=sleep BATTERY_CHARGING_ACTIVE 80/300",
          {{80, 1}}},
         // Use of the device resets the interval and drops the first sample after it.
-        {"a call",
-         [](Events& e) {
-             e.add("VoiceCallStatus=Active")
-                 .sample(90, 600)
-                 .add("VoiceCallStatus=Inactive")
-                 .sample(90, 600)
-                 .sample(30, 600);
-         },
-         {{30, 1}}},
-        {"audio",
-         [](Events& e) {
-             e.add("audioAssertionHeld=YES").add("audioAssertionHeld=NO").sample(90, 600).sample(30, 600);
-         },
-         {{30, 1}}},
-        {"hotspot",
-         [](Events& e) {
-             e.add("PersonalWifiHotspot=YES").add("PersonalWifiHotspot=NO").sample(90, 600).sample(30, 600);
-         },
-         {{30, 1}}},
-        {"display off from the start is idle",
-         [](Events& e) { e.add("DisplayStatus=Inactive").sample(90, 600); },
-         {{90, 1}}},
+        {"a call", "VoiceCallStatus=Active 90/600 VoiceCallStatus=Inactive 90/600 30/600", {{30, 1}}},
+        {"audio", "audioAssertionHeld=YES audioAssertionHeld=NO 90/600 30/600", {{30, 1}}},
+        {"hotspot", "PersonalWifiHotspot=YES PersonalWifiHotspot=NO 90/600 30/600", {{30, 1}}},
+        {"display off from the start is idle", "DisplayStatus=Inactive 90/600", {{90, 1}}},
     };
     for (const auto& c : cases) {
-        Events e;
-        c.events(e);
-        EXPECT_EQ(sweep(e), c.bins) << c.name;
-        int total = 0;
-        for (auto& [bin, n] : c.bins) total += n;
-        EXPECT_EQ(e.processor.totalNumberOfARMUtilityValuesFiltered(), total) << c.name;
+        JXBasebandPostProcessing processor;
+        const PDF pdf = sweep(processor, c.series);
+        std::map<int, int> filled;
+        for (std::size_t i = 0; i < pdf.size(); ++i)
+            if (pdf[i]) filled[static_cast<int>(i)] = pdf[i];
+        EXPECT_EQ(filled, c.bins) << c.name;
+        EXPECT_EQ(processor.totalNumberOfARMUtilityValuesFiltered(), std::accumulate(pdf.begin(), pdf.end(), 0))
+            << c.name;
     }
     EXPECT_TRUE(log.contains("BBPowerTool -- Calcualte ARM Utility Values"));
 }
@@ -124,12 +79,13 @@ TEST_F(Sweep, IdleIntervalsOfSixHundredSecondsGoIntoTheirBinAndUseOfTheDeviceRes
 class Verdict : public ::testing::Test {
 protected:
     // Runs the sweep over the events and then the verdict; answers the spool's last line.
-    std::string verdict(Events& e, bool notify = false) {
-        PDF pdf(101, 0);
-        e.processor.calculateARMUtilityFor(&e.events, pdf);
-        e.processor.getResultForARMValues(pdf, notify, "/logs/JX_x.joulix");
+    std::string verdict(const std::string& series) {
+        JXBasebandPostProcessing processor;
+        processor.getResultForARMValues(sweep(processor, series), false, "/logs/JX_x.joulix");
+        return lastRecord();
+    }
+    std::string lastRecord() {
         std::string spool = root.readFile("/var/mobile/Library/Logs/Metrics/metrics.jsonl");
-        if (spool.empty()) return spool;
         spool.pop_back();
         return spool.substr(spool.rfind('\n') + 1);
     }
@@ -143,36 +99,25 @@ protected:
     jxtest::FakeClock clock;
 };
 
-TEST_F(Verdict, TwoFullIntervalsAreAPotentialIssue) {
+TEST_F(Verdict, TwoFullIntervalsAreAPotentialIssueAndTheThresholdIsAt99Percent) {
     clock.setNow(jx::Date{1794651600.5});
-    Events e;
-    e.sample(100, 600).sample(100, 600).sample(50, 600);
-    EXPECT_EQ(verdict(e),
+    EXPECT_EQ(verdict("100/600 100/600 50/600"),
               "{\"component\":31,\"metric\":2031617,\"timestamp\":1794651600500,\"larkinPriority\":1,"
               "\"armUtilityThresholdPoint\":100,\"armUtilityPDFs\":" +
                   pdfJSON({{50, 1}, {100, 2}}) + "}");
-    EXPECT_TRUE(log.contains("BBPowerTool -- Total ARMUtility Values 3"));
-    EXPECT_TRUE(log.contains("Filtered 100 >> 2"));
-    EXPECT_TRUE(log.contains("BBPowerTool -- Larkin Priority: 1"));
-    EXPECT_TRUE(log.contains("BBPowerTool -- armUtilityCDFThresholdPoint: 100"));
     EXPECT_EQ(log.count("Filtered 7 >> 0"), 1u);
 
     // One interval at 100 % is no issue, and its PDF is not sent. (No sample at all
     // is checked end to end by the joulixctl bbpower tests.)
-    Events one;
-    one.sample(100, 600).sample(20, 600);
-    EXPECT_NE(verdict(one).find("\"larkinPriority\":0,\"armUtilityThresholdPoint\":0,\"armUtilityPDFs\":" +
-                                pdfJSON({})),
+    EXPECT_NE(verdict("100/600 20/600")
+                  .find("\"larkinPriority\":0,\"armUtilityThresholdPoint\":0,\"armUtilityPDFs\":" + pdfJSON({})),
               std::string::npos);
     EXPECT_EQ(log.count("BBPowerTool -- armUtilityCDFThresholdPoint: 100"), 2u);
-}
 
-TEST_F(Verdict, TheThresholdIsWhereTheCumulativeShareReaches99Percent) {
-    Events e;
-    for (int i = 0; i < 985; ++i) e.sample(10, 600);
-    for (int i = 0; i < 5; ++i) e.sample(11, 600);
-    for (int i = 0; i < 10; ++i) e.sample(12, 600);
-    verdict(e);
+    // The threshold is where the cumulative share reaches 99 %.
+    std::string series;
+    for (int i = 0; i < 1000; ++i) series += i < 985 ? "10/600 " : i < 990 ? "11/600 " : "12/600 ";
+    verdict(series);
     EXPECT_TRUE(log.contains("BBPowerTool -- Total ARMUtility Values 1000"));
     EXPECT_TRUE(log.contains("BBPowerTool -- armUtilityCDFThresholdPoint: 11"));
 }
@@ -187,7 +132,6 @@ TEST_F(Verdict, TheRecordFollowsTheFieldRules) {
         {1, -999, "\"larkinPriority\":1,\"armUtilityThresholdPoint\":-999,"},
         {1, -1, "\"larkinPriority\":1,\"armUtilityPDFs\""},
         {1, -1000, "\"larkinPriority\":1,\"armUtilityPDFs\""},
-        {0, 0, "\"larkinPriority\":0,\"armUtilityThresholdPoint\":0,"},
         {-1, 42, "\"timestamp\":0,\"armUtilityThresholdPoint\":42,"},
         // The fields are 32-bit: the low half of the number is what counts.
         {jx::Value(0x100000001LL), jx::Value(0xFFFFFC19LL), "\"larkinPriority\":1,\"armUtilityThresholdPoint\":-999,"},
@@ -196,9 +140,7 @@ TEST_F(Verdict, TheRecordFollowsTheFieldRules) {
     for (const auto& c : cases) {
         TLMSubmitBasebandPowerMetric(jx::Value(jx::Dictionary{
             {"Priority", c.priority}, {"CDFPercentileThresholdPoint", c.threshold}, {"ARMpdfValues", jx::Value(pdf)}}));
-        std::string spool = root.readFile("/var/mobile/Library/Logs/Metrics/metrics.jsonl");
-        spool.pop_back();
-        const std::string last = spool.substr(spool.rfind('\n') + 1);
+        const std::string last = lastRecord();
         EXPECT_NE(last.find(c.expected), std::string::npos) << last;
         EXPECT_NE(last.find("\"armUtilityPDFs\":[0,3,6,"), std::string::npos);
         EXPECT_NE(last.find(",297,300]}"), std::string::npos);
@@ -213,9 +155,7 @@ TEST_F(Verdict, TheConfigurationDecidesWhichMetricsAreEnabled) {
         std::optional<jx::Value> contents;
         bool enabled;
     } cases[] = {
-        {"no configuration", std::nullopt, true},
         {"listed", jx::Value(jx::Dictionary{{"EnabledMetrics", jx::Array{jx::Value(5), jx::Value(2031617)}}}), true},
-        {"not listed", jx::Value(jx::Dictionary{{"EnabledMetrics", jx::Array{jx::Value(5)}}}), false},
         {"no list", jx::Value(jx::Dictionary{{"Other", jx::Value(1)}}), false},
     };
     for (const auto& c : cases) {
@@ -228,7 +168,8 @@ TEST_F(Verdict, TheConfigurationDecidesWhichMetricsAreEnabled) {
                                            : "TLM metric 2031617 is not enabled on this config"))
             << c.name;
     }
-    // That a disabled record is not sent is checked end to end by the joulixctl bbpower tests.
+    // No configuration, a list without it, and that a disabled record is not sent are
+    // checked end to end by the joulixctl bbpower tests.
 }
 
 TEST_F(Verdict, ASpoolThatCannotBeWrittenFailsTheSubmission) {
@@ -237,6 +178,172 @@ TEST_F(Verdict, ASpoolThatCannotBeWrittenFailsTheSubmission) {
     TLMBasebandPowerToolKPIs record;
     TLMSubmitMetric(&record, kTLMBasebandPowerMetricId);
     EXPECT_TRUE(log.contains("Failed to submit TLM metric <TLMMetricContainer 0x1f0001 TLMBasebandPowerToolKPIs>"));
+}
+
+const char* const kStamp = "11/14/2026 10:20:30.250 ";
+
+// One line of each kind as the loggers write it (and spellings of their values), the
+// row it matches ("" for none), its groups, and the event it makes on its own. The
+// sample lines, [Display] and lines of no row are read by joulixctl bbpower in the
+// integration tests too.
+const struct LineCase {
+    const char* body;
+    const char* row;
+    const char* groups = "";  // "8=value 9=value"
+    const char* event = nullptr;
+} kLines[] = {
+    {"[Display] active=No; brightness=0", "DisplayStatus", "8=No", "DisplayStatus=Inactive"},
+    {"[Display] active=maybe; brightness=0", "DisplayStatus", "8=maybe"},
+    {"[Battery] level=80; charging_state=inactive; charging_current=0;", "BatteryCharging", "8=inactive",
+     "BATTERY_CHARGING_INACTIVE"},
+    {"[Battery] charging_state=Active; charging_current=500", "BatteryCharging", "8=Active", "BATTERY_CHARGING_ACTIVE"},
+    {"[Battery] charging_state=full; charging_current=0", "BatteryCharging", "8=full"},
+    {"[BB HW RPM] XO_Shutdown=[10.5%,1200]; VDD_Min=[20%,300]", "ARMUtilityValues", "8=10.5 9=1200 10=20 11=300"},
+    {"[BB HW Processor] system_State=[12.5%,3];", ""},
+    // A sample uses what came since the last one; what is missing is "(null)".
+    {"[BB HW Peripherals] USB=[1,2,3.5%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,7%]; GPS_DPO=[0,2%];", "Peripherals",
+     "8=3.5 9=1 10=0 11=7 12=2",
+     "ARMUtility=(null);ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=7.000000;"},
+    {"[BB HW Peripherals] GPS=[0,7%]; USB=[1,3%]; SPI=[3,1%]; UART=[3,0%];", "PeripheralsForTarn5",
+     "8=7 9=3 10=1 11=0"},
+    {"[BB HW MPSS] CXO_Shutdown=[40.7%,100];", "MPSSValue", "8=40.7 9=100",
+     "MPSSUtility=59;MPSSUtilityDuration=(null);"},
+    {"[Telephony] signal=-80; call_status=Ringing; airplane_mode=NO;", "TelephonyStatus", "8=Ringing",
+     "VoiceCallStatus=Active"},
+    {"[Telephony] call_status=Sending; airplane_mode=NO", "TelephonyStatus", "8=Sending", "VoiceCallStatus=Active"},
+    {"[Telephony] call_status=Held; airplane_mode=NO", "TelephonyStatus", "8=Held"},
+    {"[Telephony] call_status=INACTIVE; airplane_mode=NO", "TelephonyStatus", "8=INACTIVE", "VoiceCallStatus=Inactive"},
+    {"[Sleep] event=did_sleep;", "SleepStatusTrue", "", "APSleepStatus=sleep"},
+    {"[Wake] reason=rtc_alarm;", "WakeReason", "8=rtc_alarm", "APSleepStatus=awake;reason=rtc_alarm"},
+    {"[BB Event] EventCode=EVENT_WCDMA_RRC_STATE; prevState=FACH; currState=disconnected; rate=0;", "BBEvent",
+     "8=FACH 9=disconnected", "WcdmaConnectedState=NO"},
+    {"[BB Event] EventCode=EVENT_WCDMA_RRC_STATE; prevState=Idle; currState=FACH; rate=0", "BBEvent", "8=Idle 9=FACH",
+     "WcdmaConnectedState=YES"},
+    {"[Assertion] id=4; state=created; process=soundhubd; pid=80; name=com.brindle.audio.VAD Aggregate Device UID;",
+     "AudioAssertionCreated", "", "audioAssertionHeld=YES"},
+    {"[Assertion] state=released; process=soundhubd; name=com.brindle.audio.VAD Aggregate Device UID",
+     "AudioAssertionReleased", "", "audioAssertionHeld=NO"},
+    {"[Assertion] id=9; state=held; process=wlanhubd; pid=81; name=ap1;", "WifiAssertionCreated", "8=held",
+     "PersonalWifiHotspot=YES"},
+    {"[Assertion] id=9; state=released; process=wlanhubd; pid=81; name=ap1;", "WifiAssertionReleased", "",
+     "PersonalWifiHotspot=NO"},
+    {"[Assertion] id=9; state=held; process=locationd; pid=82; name=ap1;", ""},
+};
+
+class Patterns : public ::testing::Test {
+protected:
+    Patterns() { p.addSearchStringsToDictionary(table); }
+    Dictionary match(const std::string& line) { return p.getMatchedResultsFor(line, table); }
+    // The events of lines dispatched in order, one second apart, by a fresh processor.
+    std::vector<std::string> events(const std::vector<std::string>& bodies) {
+        JXBasebandPostProcessing fresh;
+        Dictionary events;
+        for (std::size_t i = 0; i < bodies.size(); ++i)
+            fresh.dispatchMatchedResult(
+                match("11/14/2026 10:20:" + std::to_string(10 + i) + ".250 " + bodies[i] + "\n"), events);
+        std::vector<std::string> texts;
+        for (const auto& [time, text] : events) texts.push_back(text);
+        return texts;
+    }
+    jxtest::TestRoot root;
+    jxtest::LogCapture log;
+    JXBasebandPostProcessing p;
+    Dictionary table;
+};
+
+TEST_F(Patterns, EachLineMatchesItsRowOnlyWithAFractionOfASecondAndMakesItsEvent) {
+    JXBasebandPostProcessing everyRow;
+    everyRow.setDispatchesByTag(false);
+    for (const LineCase& c : kLines) {
+        SCOPED_TRACE(c.body);
+        Dictionary result = match(kStamp + std::string(c.body) + "\n");
+        EXPECT_EQ(events({c.body}), c.event ? std::vector<std::string>{c.event} : std::vector<std::string>{});
+        // Dispatch by tag finds what trying every row finds, with or without the newline.
+        for (const std::string& line : {kStamp + std::string(c.body), kStamp + std::string(c.body) + "\n"})
+            EXPECT_EQ(match(line), everyRow.getMatchedResultsFor(line, table));
+        if (!*c.row) {
+            EXPECT_TRUE(result.empty());
+            continue;
+        }
+        EXPECT_EQ(result["matchedFor"], c.row);
+        std::istringstream groups(c.groups);
+        for (std::string group; groups >> group;)
+            EXPECT_EQ(result[group.substr(0, group.find('='))], group.substr(group.find('=') + 1)) << group;
+        for (const char* timestampGroup : {"1", "2", "3", "4", "5", "6", "7"})
+            EXPECT_FALSE(result.count(timestampGroup));
+        // Without the fraction the timestamp group has no range: no event, and a message.
+        const std::size_t before = log.count("Exception: getMatchedResults> if-match condition");
+        EXPECT_FALSE(match("11/14/2026 10:20:30 " + std::string(c.body) + "\n").count("matchedFor"));
+        EXPECT_EQ(log.count("Exception: getMatchedResults> if-match condition"), before + 1);
+    }
+    // Case-insensitive matching folds case as Unicode does: a sharp s is "ss", the
+    // Kelvin sign a "k"; the tag must be found for such lines as well.
+    std::size_t matched = 0;
+    for (const std::string line :
+         {"11/14/2026 10:20:30.250 [assertion] state=created; process=SOUNDHUBD; x; "
+          "name=com.brindle.audio.VAD Aggregate Device UID\n",
+          "11/14/2026 10:20:30.250 [A\xc3\x9f"
+          "ertion] state=held; process=wlanhubd; name=ap1\n",
+          "11/14/2026 10:20:30.250 [Wa\xe2\x84\xaa"
+          "e] reason=button;\n",
+          "11/14/2026 10:20:30.250 [BB HW MP\xc3\x9f] CXO_Shutdown=[40%,100];\n",
+          "11/14/2026 10:20:30.250 [Display]] active=NO; brightness=0\n",
+          "[Display] 11/14/2026 10:20:30.250 [Display] active=NO; brightness=0\n", "11/14/2026 10:20:30.250", ""}) {
+        EXPECT_EQ(match(line), everyRow.getMatchedResultsFor(line, table)) << line;
+        matched += match(line).count("matchedFor");
+    }
+    EXPECT_GE(matched, 4u);
+}
+
+// What a row's value makes of the values sent before it.
+TEST_F(Patterns, SampleLinesMakeOneEventOfWhatCameBefore) {
+    EXPECT_EQ(events({"[BB HW Log] LogCode=0x1; Duration=300;", "[BB HW RPM] XO_Shutdown=[10%,1]; VDD_Min=[20%,2]",
+                      "[BB HW APPS] CXO_Shutdown=[90%,5];",
+                      "[BB HW Peripherals] USB=[1,2,3.5%]; SPI=[3,1%]; UART=[3,12%]; GPS=[0,7%]; GPS_DPO=[0,12%];",
+                      "[BB HW Peripherals] USB=[1,2,3%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];"}),
+              (std::vector<std::string>{
+                  "ARMUtility=70.000000;ARMUtilityDuration=300.000000;APPSValue=10.000000;PERIPHERALSValue=12.000000;",
+                  "ARMUtility=(null);ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=3.000000;"}));
+    EXPECT_EQ(events({"[BB HW RPM] XO_Shutdown=[80%,1]; VDD_Min=[30%,2]",
+                      "[BB HW Peripherals] USB=[1,2,3%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];",
+                      "[BB HW Log] Duration=120;", "[BB HW MPSS] CXO_Shutdown=[40.7%,100];"}),
+              (std::vector<std::string>{
+                  "ARMUtility=-10.000000;ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=3.000000;",
+                  "MPSSUtility=59;MPSSUtilityDuration=120.000000;"}));
+}
+
+TEST_F(Patterns, TheLineTimeIsLocalTimePlusTheFraction) {
+    Dictionary result = match("11/14/2026 10:20:30.250 [Display] active=YES; brightness=0.5\n");
+    std::tm tm{};
+    strptime("11/14/2026 10:20:30", "%m/%d/%Y %H:%M:%S", &tm);
+    tm.tm_isdst = -1;
+    const double expected = static_cast<double>(std::mktime(&tm)) + 0.25;
+    EXPECT_EQ(result["epochDateTime"], jx::formatString("%f", expected));
+    EXPECT_EQ(result["dateTime"], jx::describeDateUTC(jx::Date{expected - 0.25}) + " (.250)");
+    // A two-digit year lies in the formatter's century; a date that does not parse counts as 0 s.
+    EXPECT_EQ(match("11/14/26 10:20:30.250 [Sleep] event=did_sleep;\n")["epochDateTime"],
+              jx::formatString("%f", expected));
+    EXPECT_EQ(match("13/14/2026 10:20:30.250 [Sleep] event=did_sleep;\n")["epochDateTime"], "0.250000");
+}
+
+TEST_F(Patterns, ALineThatNeedsExponentialBacktrackingIsGivenUp) {
+    // The number groups accept any character between digits: a long run of digits
+    // that fails at its end would take the engine years to refute.
+    const std::string line = std::string(kStamp) +
+                             "[BB HW Peripherals] USB=[1,2,3%]; SPI=[6,1%]; UART=[1,0%]; GPS=[0," +
+                             std::string(60, '5') + "#" + std::string(60, '3') + "x%]; GPS_DPO=[0,2%];\n";
+    EXPECT_TRUE(match(line).empty());
+    EXPECT_TRUE(log.contains("BBPowerTool -- Peripherals gave up on a line that needs too much backtracking"));
+}
+
+TEST_F(Patterns, EventsAtTheSameTimeAreKeptATenthOfAMillisecondApart) {
+    Dictionary events;
+    for (const char* key : {"1700000000.250000", "1700000000.250000", "1700000000.250100", "1700000000.250000"})
+        p.addKey(key, key, events);
+    EXPECT_EQ(events, (Dictionary{{"1700000000.2500", "1700000000.250000"},
+                                  {"1700000000.2501", "1700000000.250000"},
+                                  {"1700000000.2502", "1700000000.250100"},
+                                  {"1700000000.2503", "1700000000.250000"}}));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// Choosing the power log, the shell commands that extract it, and the shell task.
+// The line reader and its byte search; choosing the power log, the shell commands that
+// extract it, and the shell task.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,29 +21,123 @@ protected:
     void make(std::initializer_list<const char*> names) {
         for (const char* name : names) jxtest::writeDatedFile(dir + name, "x\n");
     }
+    std::string file(const std::string& contents) {
+        root.writeFile("/input.joulix", contents);
+        return root("/input.joulix");
+    }
     jxtest::TestRoot root;
     jxtest::LogCapture log;
     JXBasebandPostProcessing p;
     const std::string dir = root("/var/mobile/Library/Logs/Faultkeeper/");
 };
+using LineReader = Selection;
 
-TEST_F(Selection, TheSecondNewestLogIsChosenWhateverTheNames) {
-    make({"c.joulix", "b.joulix", "a.joulix"});
-    EXPECT_EQ(p.getJoulixOfInterest(dir), dir + "b.joulix");
+std::vector<std::string> readAll(JXBasebandPostProcessing& p) {
+    std::vector<std::string> lines;
+    while (auto line = p.readLine()) lines.push_back(*line);
+    return lines;
 }
 
-TEST_F(Selection, WithoutTwoCandidatesThereIsNone) {
+TEST(RangeOfData, SinglePassWithoutBacktracking) {
+    struct {
+        std::string haystack, needle;
+        std::size_t location;
+    } cases[] = {
+        {"aab", "ab", JXNotFound},  // the broken partial match hides the real one
+        {"aabab", "ab", 3},        {"a\nb", "\n", 1},      {"\n", "\n", 0},
+        {"abc", "\n", JXNotFound}, {"", "\n", JXNotFound}, {"a", "ab", JXNotFound},
+    };
+    for (const auto& c : cases) {
+        jx::Data haystack(c.haystack.begin(), c.haystack.end()), needle(c.needle.begin(), c.needle.end());
+        EXPECT_EQ(rangeOfData(haystack, needle), (JXRange{c.location, c.needle.size()}))
+            << c.haystack << " / " << c.needle;
+    }
+}
+
+TEST_F(LineReader, ReturnsEveryLineWithItsNewline) {
+    const std::string longLine(5000, 'x');
+    struct {
+        const char* name;
+        std::string contents;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"last line without newline", "a\nb", {"a\n", "b"}},
+        {"empty lines", "\n\n", {"\n", "\n"}},
+        {"empty file", "", {}},
+        {"a line over several chunks", longLine + "\nnext\n", {longLine + "\n", "next\n"}},
+        {"newline last in a chunk", std::string(2047, 'y') + "\nz", {std::string(2047, 'y') + "\n", "z"}},
+        {"newline first in the next chunk", std::string(2048, 'y') + "\nz", {std::string(2048, 'y') + "\n", "z"}},
+        {"UTF-8 text", "h\xc3\xa9llo\nw\xc3\xb6rld\n", {"h\xc3\xa9llo\n", "w\xc3\xb6rld\n"}},
+    };
+    for (const auto& c : cases) {
+        p.initWithFilePath(file(c.contents));
+        EXPECT_EQ(p.totalFileLength(), c.contents.size()) << c.name;
+        EXPECT_EQ(readAll(p), c.lines) << c.name;
+        EXPECT_EQ(p.currentOffset(), c.contents.size()) << c.name;
+        p.releaseFileObjects();
+    }
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(LineReader, ALineThatIsNotUTF8EndsTheReadingButIsPassed) {
+    p.initWithFilePath(file("good\n\xff\xfe bad\nafter\n"));
+    EXPECT_EQ(p.readLine(), "good\n");
+    EXPECT_EQ(p.readLine(), std::nullopt);
+    // The offset moved past the bad line all the same.
+    EXPECT_EQ(p.currentOffset(), 12u);
+    EXPECT_EQ(p.readLine(), "after\n");
+}
+
+TEST_F(LineReader, AMissingFileOrAReleasedOneYieldsNothing) {
+    p.initWithFilePath(file("one\ntwo\n"));
+    ASSERT_EQ(p.readLine(), "one\n");
+    const std::string missing = root("/no/such.joulix");
+    p.initWithFilePath(missing);
+    EXPECT_FALSE(p.hasFileHandle());
+    EXPECT_EQ(p.readLine(), std::nullopt);
+    // The old position and length stay as they were.
+    EXPECT_EQ(p.currentOffset(), 4u);
+    EXPECT_EQ(p.totalFileLength(), 8u);
+    EXPECT_EQ(log.entries(), (std::vector<std::pair<int, std::string>>{
+                                 {3, "BBPowerTool -- initWithFilePath: File Handle Error for File >> " + missing}}));
+    // A directory is no file to read either.
+    p.initWithFilePath(root.path());
+    EXPECT_FALSE(p.hasFileHandle());
+
+    // Reading after the release raises inside; closing twice is silent.
+    p.initWithFilePath(file("one\ntwo\n"));
+    ASSERT_EQ(p.readLine(), "one\n");
+    p.releaseFileObjects();
+    EXPECT_EQ(p.currentOffset(), 0u);
+    EXPECT_EQ(p.readLine(), std::nullopt);
+    p.releaseFileObjects();
+    EXPECT_EQ(log.count("BBPowerTool -- readLine: Exception"), 1u);
+    EXPECT_EQ(log.entries().back(), std::make_pair(5, std::string("BBPowerTool -- readLine: Exception")));
+}
+
+TEST_F(LineReader, AFileShortenedWhileOpenEndsTheLineThere) {
+    const std::string path = file("first\n" + std::string(100, 'x') + "\nthird\n");
+    p.initWithFilePath(path);
+    ASSERT_EQ(p.readLine(), "first\n");
+    ASSERT_EQ(truncate(path.c_str(), 50), 0);
+    EXPECT_EQ(p.readLine(), std::string(44, 'x'));
+    EXPECT_EQ(p.readLine(), std::nullopt);
+}
+
+TEST_F(Selection, TheSecondNewestLogIsChosenByCreationDateElseNone) {
+    // One log only is checked end to end by the joulixctl bbpower tests.
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
-    make({"a.joulix"});
-    EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
+    make({"b.joulix"});
     // Only names ending in ".joulix", compared case-sensitively, are candidates.
     make({"b.JOULIX", "c.joulix.gz", "d.joulix~"});
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
     // Two names of one file share its creation date: one candidate.
-    ASSERT_EQ(::link((dir + "a.joulix").c_str(), (dir + "e.joulix").c_str()), 0);
+    ASSERT_EQ(::link((dir + "b.joulix").c_str(), (dir + "e.joulix").c_str()), 0);
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
     EXPECT_EQ(p.getJoulixOfInterest(root("/var/mobile/Library/Logs/Missing/")), "NOTFOUND");
     EXPECT_TRUE(log.messages().empty());
+    make({"a.joulix", "c.joulix"});
+    EXPECT_EQ(p.getJoulixOfInterest(dir), dir + "a.joulix");
 }
 
 TEST_F(Selection, APathWithoutItsSlashEndsTheRunByTheExceptionPath) {
@@ -78,10 +173,7 @@ TEST_F(Selection, TheExtractionCommandIsTheQuotedTextForPlainPaths) {
         JXBasebandPostProcessing::extractionCommand("/var/mobile/Library/Logs/Faultkeeper/JX_a_b.joulix",
                                                     "/var/tmp/Temp_JoulixForBBPowerTool.joulix"),
         R"(LC_ALL=C grep -a "\[Battery\]\|\[BB HW Log\]\|\[BB HW RPM\]\|\[BB HW APPS\]\|\[BB HW Peripherals\]\|\[BB HW Processor\]\|\[BB HW MPSS\]\|\[Display\]\|\[Telephony\]\|\[Sleep\]\|\[Wake\]\|\[BB Event\]\|\[Assertion\]" "/var/mobile/Library/Logs/Faultkeeper/JX_a_b.joulix" > "/var/tmp/Temp_JoulixForBBPowerTool.joulix")");
-    EXPECT_EQ(JXBasebandPostProcessing::removalCommand("/var/tmp/Temp_JoulixForBBPowerTool.joulix"),
-              "rm -rf /var/tmp/Temp_JoulixForBBPowerTool.joulix");
-    EXPECT_TRUE(JXBasebandPostProcessing::extractionCommand("/a/\"$(x)`y`\\.joulix", "/t")
-                    .ends_with(R"( "/a/\"\$(x)\`y\`\\.joulix" > "/t")"));
+    // Hostile names, and the removal of the extract, are run end to end by the joulixctl bbpower tests.
     EXPECT_EQ(JXBasebandPostProcessing::removalCommand("/r o/o't"), R"(rm -rf '/r o/o'\''t')");
 }
 

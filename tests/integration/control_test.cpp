@@ -1,58 +1,32 @@
 // The running daemon steered from outside: system-wide notifications posted by
-// joulixctl over a private bus, and SIGUSR1.
-#include <gtest/gtest.h>
+// joulixctl over a private bus, and signals. Who may steer it: root, its own user
+// and the group joulix; another local user is kept out by the shipped bus policy
+// and, should the bus let it through, by the daemon itself.
+#include <chrono>
 
-#include <filesystem>
-
+#include "platform/NotificationCenter.h"
+#include "platform/NotificationNames.h"
 #include "tests/integration/Process.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
-using jxtest::Process;
-using jxtest::binary;
-using jxtest::occurrences;
-using jxtest::tail;
-using jxtest::waitFor;
+using namespace jxtest;
 
-const std::string kLog = "/var/mobile/Library/Logs/CurrentJoulix.joulix";
-
-class ControlTest : public jxtest::BinariesTest {
+class ControlTest : public BinariesTest {
 protected:
     void SetUp() override {
-        if (!bus.available()) GTEST_SKIP() << "dbus-daemon is not installed";
-        env["DBUS_SYSTEM_BUS_ADDRESS"] = bus.address();
+        if (!useBus()) GTEST_SKIP() << "dbus-daemon is not installed";
         // A bundle logger under a name of the static list, so the daemon loads it.
-        jxtest::installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
+        installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
     }
-    std::unique_ptr<Process> startCtl(std::vector<std::string> args) {
-        args.insert(args.begin(), {binary("joulixctl"), "--root", root.path()});
-        return std::make_unique<Process>(args, out("ctl"), env);
-    }
-
-    // Starts the daemon and returns once it has said, on the bus, that it is set up.
-    std::unique_ptr<Process> startDaemon() {
-        auto waiter = startCtl({"wait", "com.brindle.joulix.StateChanged", "--timeout", "30"});
-        EXPECT_TRUE(waitFor([&] { return waiter->out().find("waiting for") != std::string::npos; })) << waiter->err();
-        auto daemon = joulix();
-        EXPECT_EQ(waiter->wait(), 0) << waiter->err() << daemon->err();
-        return daemon;
-    }
-    std::string logText() { return root.readFile(kLog); }
-    bool logShows(const std::string& what, std::size_t times = 1) {
-        return waitFor([&] { return occurrences(logText(), what) >= times; });
-    }
-
-    jxtest::PrivateBus bus;
 };
 
-TEST_F(ControlTest, StatusAndSignalEachMakeEveryLoggerLogOnceMore) {
-    auto daemon = startDaemon();
+TEST_F(ControlTest, StatusSignalsAndHangupsSteerTheLoggersAndExitComesAtOnce) {
+    auto daemon = startOnBus();
     ASSERT_TRUE(logShows("[TestBundle] sample=1;")) << logText();
-    std::string text = logText();
     // The header, then the booting state ahead of everything else.
-    auto second = text.substr(text.find('\n') + 1);
-    EXPECT_NE(second.substr(0, second.find('\n')).find("[Log] state=booting;"), std::string::npos) << text;
+    ASSERT_GT(lines(logText()).size(), 1u);
+    EXPECT_TRUE(has(lines(logText())[1], "[Log] state=booting;")) << logText();
 
     ASSERT_EQ(ctl({"trigger"}), 0);
     ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
@@ -62,37 +36,56 @@ TEST_F(ControlTest, StatusAndSignalEachMakeEveryLoggerLogOnceMore) {
     ASSERT_TRUE(logShows("[TestBundle] sample=3;"));
     // The logger's queue is serial: a second sample for either trigger would be here by now.
     EXPECT_EQ(occurrences(logText(), "[TestBundle]"), 3u) << logText();
-    EXPECT_NE(daemon->err().find("Received signal(statusRequested), calling log on all loggers"), std::string::npos);
-    EXPECT_NE(daemon->err().find("Received signal(signal(10)), calling log on all loggers"), std::string::npos);
+    EXPECT_HAS(daemon->err(), "Received signal(statusRequested), calling log on all loggers",
+               "Received signal(signal(10)), calling log on all loggers");
 
-    ASSERT_EQ(ctl({"exit"}), 0);
-    EXPECT_EQ(daemon->wait(), 0) << daemon->err();
-}
+    // SIGHUP reads the settings again: a logger switched off stops, one switched on
+    // starts (the test bundle is installed under the thermal logger's name).
+    write({{"JXThermalLogger", "-dict", "Enabled", "NO"}});
+    daemon->signal(SIGHUP);
+    ASSERT_TRUE(logShows("[Log] state=signal(1);")) << tail(daemon->err());
+    EXPECT_HAS(daemon->err(), "loggers switched off: JXThermalLogger; switched on: none");
+    EXPECT_EQ(occurrences(logText(), "[TestBundle]"), 3u);
+    write({{"JXThermalLogger", "-dict", "Enabled", "YES"}});
+    daemon->signal(SIGHUP);
+    ASSERT_TRUE(logShows("[Log] state=signal(1);", 2));
+    ASSERT_TRUE(logShows("[TestBundle]", 4)) << logText();
+    EXPECT_HAS(daemon->err(), "switched off: none; switched on: JXThermalLogger");
 
-TEST_F(ControlTest, ExitStopsTheDaemonWithoutWaitingForABusyLogger) {
-    auto daemon = startDaemon();
-    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
-    // From now on each sample of the test logger takes a minute.
-    ASSERT_EQ(ctl({"defaults", "write", "JXTestBundleLogger", "-dict", "SampleDelay", "60"}), 0);
+    // Signals sent faster than they are taken fold into one (the kernel keeps one
+    // pending): a hundred hangups, then a flood of ten thousand, end nothing.
+    for (int i = 0; i < 100; ++i) daemon->signal(SIGHUP);
+    ASSERT_TRUE(logShows("[Log] state=signal(1);", 3)) << tail(daemon->err());
+    for (int i = 0; i < 10000; ++i) daemon->signal(SIGUSR1);
+    ASSERT_TRUE(logShows("[Log] state=signal(10);", 2));
     ASSERT_EQ(ctl({"trigger"}), 0);
-    ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
+    ASSERT_TRUE(logShows("[Log] state=statusRequested;", 2)) << tail(daemon->err());
+
+    // Exit does not wait for a busy logger: from now on each sample takes a minute.
+    write({{"JXTestBundleLogger", "-dict", "SampleDelay", "60"}});
+    ASSERT_EQ(ctl({"trigger"}), 0);
+    ASSERT_TRUE(logShows("[Log] state=statusRequested;", 3));
     ASSERT_EQ(ctl({"exit"}), 0);
-    EXPECT_EQ(daemon->wait(10), 0) << daemon->err();
+    EXPECT_EQ(daemon->wait(10), 0) << tail(daemon->err());
 }
 
 // Locked since boot, a log already there cannot be secured and is left alone until
-// the first unlock; then logging goes on in it and says why.
+// the first unlock; then logging goes on in it and says why. No logger is asked to
+// log meanwhile: a one-shot run says so and ends rather than waiting for ever.
 TEST_F(ControlTest, ALogLockedSinceBootWaitsForTheUnlock) {
-    ASSERT_EQ(joulix({"--once"})->wait(), 0);
+    ASSERT_EQ(once(), 0);
     const std::string before = logText();
-    ASSERT_NE(before.find("[Joulix]"), std::string::npos);
+    ASSERT_TRUE(has(before, "[Joulix]"));
     root.writeFile("/run/joulix/lock-state", "1\n");
-
-    auto daemon = startDaemon();
-    ASSERT_TRUE(waitFor([&] { return daemon->err().find("logFileCheck: failed to check logFile") != std::string::npos; }))
-        << tail(daemon->err());
+    std::string err;
+    ASSERT_EQ(once(&err, 10), 0) << tail(err);
+    EXPECT_TRUE(has(err, "the log is locked until the first unlock after boot: nothing was logged"));
     EXPECT_EQ(logText(), before);
 
+    auto daemon = startOnBus();
+    ASSERT_TRUE(waitFor([&] { return has(daemon->err(), "logFileCheck: failed to check logFile"); }))
+        << tail(daemon->err());
+    EXPECT_EQ(logText(), before);
     ASSERT_EQ(ctl({"unlock"}), 0);
     EXPECT_EQ(root.readFile("/run/joulix/lock-state"), "0\n");
     ASSERT_TRUE(logShows("[Log] state=File Unlocked;")) << logText();
@@ -100,62 +93,85 @@ TEST_F(ControlTest, ALogLockedSinceBootWaitsForTheUnlock) {
     ASSERT_TRUE(logShows("[TestBundle] sample=1;")) << logText();
     EXPECT_EQ(logText().substr(0, before.size()), before);
     EXPECT_EQ(occurrences(logText().substr(before.size()), "[Log] state=booting;"), 1u);
-    EXPECT_TRUE(waitFor([&] { return daemon->err().find("lockvault unlocked!") != std::string::npos; }));
-    ASSERT_EQ(ctl({"exit"}), 0);
-    EXPECT_EQ(daemon->wait(), 0);
-}
-
-// SIGHUP reads the settings again: a logger switched off stops, one switched on
-// starts, and a hundred of them in a row end nothing.
-TEST_F(ControlTest, HangupReadsTheSettingsAgain) {
-    auto daemon = startDaemon();
-    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
-    // The test bundle is installed under the thermal logger's name.
-    ASSERT_EQ(ctl({"defaults", "write", "JXThermalLogger", "-dict", "Enabled", "NO"}), 0);
-    daemon->signal(SIGHUP);
-    ASSERT_TRUE(logShows("[Log] state=signal(1);")) << tail(daemon->err());
-    EXPECT_NE(daemon->err().find("loggers switched off: JXThermalLogger; switched on: none"), std::string::npos)
-        << tail(daemon->err());
-    EXPECT_EQ(occurrences(logText(), "[TestBundle]"), 1u);
-
-    ASSERT_EQ(ctl({"defaults", "write", "JXThermalLogger", "-dict", "Enabled", "YES"}), 0);
-    daemon->signal(SIGHUP);
-    ASSERT_TRUE(logShows("[Log] state=signal(1);", 2));
-    ASSERT_TRUE(logShows("[TestBundle]", 2)) << logText();
-    EXPECT_NE(daemon->err().find("switched off: none; switched on: JXThermalLogger"), std::string::npos);
-
-    // Signals sent faster than they are taken fold into one (the kernel keeps one pending).
-    for (int i = 0; i < 100; ++i) daemon->signal(SIGHUP);
-    ASSERT_TRUE(logShows("[Log] state=signal(1);", 3)) << tail(daemon->err());
-    ASSERT_EQ(ctl({"exit"}), 0);
-    EXPECT_EQ(daemon->wait(), 0) << tail(daemon->err());
-}
-
-TEST_F(ControlTest, AFloodOfSignalsLeavesTheDaemonAnswering) {
-    auto daemon = startDaemon();
-    for (int i = 0; i < 10000; ++i) daemon->signal(SIGUSR1);
-    ASSERT_TRUE(logShows("[Log] state=signal(10);"));
-    ASSERT_EQ(ctl({"trigger"}), 0);
-    ASSERT_TRUE(logShows("[Log] state=statusRequested;", 1)) << tail(daemon->err());
-    ASSERT_EQ(ctl({"exit"}), 0);
-    EXPECT_EQ(daemon->wait(60), 0) << tail(daemon->err());
+    EXPECT_TRUE(waitFor([&] { return has(daemon->err(), "lockvault unlocked!"); }));
 }
 
 TEST_F(ControlTest, WaitAndPostBetweenTwoTools) {
     auto waiter = startCtl({"wait", "com.example.Ping"});
-    ASSERT_TRUE(waitFor([&] { return waiter->out().find("waiting for com.example.Ping") != std::string::npos; }));
+    ASSERT_TRUE(waitFor([&] { return has(waiter->out(), "waiting for com.example.Ping"); }));
     ASSERT_EQ(ctl({"post", "com.example.Ping"}), 0);
     EXPECT_EQ(waiter->wait(), 0);
-    EXPECT_NE(waiter->out().find("received com.example.Ping"), std::string::npos);
-
+    EXPECT_TRUE(has(waiter->out(), "received com.example.Ping"));
     EXPECT_EQ(ctl({"wait", "com.example.Never", "--timeout", "0.2"}), 1);
-    for (std::vector<std::string> bad : {std::vector<std::string>{"wait"}, {"wait", "a", "b"}, {"wait", "a", "--timeout", "x"},
-                                         {"post"}, {"exit", "now"}})
-        EXPECT_EQ(ctl(bad), 2) << bad[0];
-
     env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=/nonexistent/joulix-bus";
     EXPECT_EQ(ctl({"post", "com.example.Ping"}), 1);
     EXPECT_EQ(ctl({"wait", "com.example.Ping", "--timeout", "1"}), 1);
+}
+
+class TrustTest : public BinariesTest {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "posting as another user needs root";
+        if (access("/usr/bin/setpriv", X_OK) != 0 || access("/usr/bin/dbus-send", X_OK) != 0)
+            GTEST_SKIP() << "setpriv or dbus-send is not installed";
+    }
+    // Posts as the user nobody, through the bus's own command-line sender.
+    int postAsNobody(const std::string& name) {
+        Process p({"/usr/bin/setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "/usr/bin/dbus-send",
+                   "--bus=" + bus->address(), "--type=signal", "/com/brindle/Notify", "com.brindle.Notify.Post",
+                   "string:" + name},
+                  out("nobody"), env);
+        return p.wait().value_or(-1);
+    }
+};
+
+TEST_F(TrustTest, OtherUsersCannotSteerTheDaemonThroughTheBusOrPastIt) {
+    for (bool withPolicy : {true, false}) {
+        SCOPED_TRACE(withPolicy ? "with the shipped policy" : "with a bus that lets every user post");
+        if (!useBus(openBusConfiguration(withPolicy))) GTEST_SKIP() << "dbus-daemon did not start";
+        auto daemon = startOnBus();
+        ASSERT_FALSE(HasFailure());
+        for (const char* name : {JXLogStateRequest, JXFirstUnlockNotification, JXExitRequest})
+            ASSERT_EQ(postAsNobody(name), 0);
+        // Past the bus, the daemon itself refuses: as user 65534, or, when the sender
+        // left before the bus could name it (a slow daemon), as a sender not named.
+        if (!withPolicy) {
+            ASSERT_TRUE(waitFor([&] { return has(daemon->err(), "refused com.brindle.joulix.LogStateRequest from "); }))
+                << tail(daemon->err());
+        }
+        // Root still steers it; nothing of nobody's was acted on.
+        ASSERT_EQ(ctl({"trigger"}), 0);
+        ASSERT_TRUE(logShows("[Log] state=statusRequested;"));
+        EXPECT_FALSE(daemon->wait(0.2)) << "nobody's exit request stopped the daemon";
+        EXPECT_EQ(occurrences(logText(), "[Log] state=statusRequested;"), 1u);
+        EXPECT_EQ(occurrences(logText(), "File Unlocked"), 0u);
+        // Said at growing intervals, not once per post.
+        EXPECT_LE(occurrences(daemon->err(), "refused "), withPolicy ? 0u : 2u) << tail(daemon->err());
+        ASSERT_EQ(ctl({"exit"}), 0);
+        EXPECT_EQ(daemon->wait(10), 0) << tail(daemon->err());
+        fs::remove(root(kLog));
+    }
+}
+
+// A flood of status requests is folded, and never holds up an exit request.
+TEST_F(TrustTest, AFloodOfStatusRequestsIsFoldedAndAnExitStillComesAtOnce) {
+    if (!useBus()) GTEST_SKIP() << "dbus-daemon did not start";
+    auto daemon = startOnBus();
+    ASSERT_TRUE(logShows("[Log] state=booting;"));
+    const std::size_t before = logText().size();
+    auto& center = jx::SystemNotificationCenter::shared();
+    const auto began = std::chrono::steady_clock::now();
+    for (int i = 0; i < 10000; ++i) ASSERT_TRUE(center.post(JXLogStateRequest));
+    ASSERT_TRUE(center.post(JXExitRequest));
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    auto status = daemon->wait(1.0);
+    ASSERT_TRUE(status) << "the exit request waited behind the flood: " << tail(daemon->err());
+    EXPECT_EQ(*status, 0);
+    // One trigger a second at most, plus the first; each writes a state line and the loggers' samples.
+    const std::size_t triggers = occurrences(logText(), "[Log] state=statusRequested;");
+    EXPECT_GE(triggers, 1u);
+    EXPECT_LE(triggers, static_cast<std::size_t>(seconds) + 2) << seconds << " s of posting";
+    EXPECT_LT(logText().size() - before, (triggers + 1) * 64 * 1024) << "the log grew with the flood";
 }
 
 }  // namespace

@@ -1,166 +1,349 @@
-// The real joulix and joulixctl under a private root.
-#include <gtest/gtest.h>
-
-#include <filesystem>
+// The real daemon under a private root: the layout and log it leaves, its loggers,
+// how it starts, goes on, rolls and archives, and the directory watch.
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
 
 #include "platform/PropertyList.h"
 #include "tests/integration/Process.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/TraceRules.h"
 
 namespace {
 
-using jxtest::Process;
-using jxtest::binary;
-using jxtest::waitFor;
+using namespace jxtest;
 
-const std::string kPrefs = "/var/mobile/Library/Preferences/com.brindle.joulix.plist";
+struct Header {
+    std::string build, timestamp, guid;
+};
 
-using DaemonTest = jxtest::BinariesTest;
+std::optional<Header> parseHeader(const std::string& text) {
+    static const std::regex re(
+        R"(^\d\d/\d\d/\d{4} \d\d:\d\d:\d\d\.\d{3} \[Joulix\] Version=6\.01; Build=([^;]*); Timestamp=(\d{4}-\d\d-\d\d-\d{6}); )"
+        R"(File_GUID=([0-9A-F-]{36}); rotateJoulixKey=[^;]*; loggingMode=(Lite|Full); binary=joulix; pid=\d+;$)");
+    std::smatch m;
+    const std::string first = text.substr(0, text.find('\n'));
+    if (!std::regex_match(first, m, re)) return std::nullopt;
+    return Header{m[1], m[2], m[3]};
+}
 
-TEST_F(DaemonTest, OnceMakesTheLayoutAndEnds) {
-    auto p = joulix({"--once"});
-    ASSERT_EQ(p->wait(), 0) << p->err();
+// A local time a whole number of days from now, three seconds before a minute ends.
+std::string fakeStart(int days) {
+    std::time_t t = std::time(nullptr) + days * 86400;
+    std::tm local{};
+    localtime_r(&t, &local);
+    local.tm_sec = 57;
+    char text[64];
+    std::strftime(text, sizeof text, "@%Y-%m-%d %H:%M:%S x10", &local);
+    return text;
+}
+
+class DaemonTest : public BinariesTest {
+protected:
+    void SetUp() override {
+        setOSVersion("12");
+        env["TZ"] = "UTC";
+    }
+    void setOSVersion(const std::string& v) {
+        root.writeFile("/etc/os-release", "NAME=\"Test OS\"\nVERSION_ID=\"" + v + "\"\n");
+    }
+};
+
+TEST_F(DaemonTest, OnceMakesTheLayoutAndALogOfEveryBuiltInLoggerAndTheThermalBundle) {
+    installBundle(root, "JXThermalLogger.bundle", "JXThermalLogger.bundle");
+    write({{"JXRunLoopDebug", "-bool", "true"}, {"JXStartDelay", "-bool", "YES"}});
+    std::string err;
+    ASSERT_EQ(once(&err), 0) << err;
+    // Settings written by the tool steer the daemon; but it is named joulix: no start
+    // delay, whatever the setting says.
+    EXPECT_TRUE(has(err, "***  Joulix runloop stopped!!!  ***")) << err;
+    EXPECT_FALSE(has(err, "ready..."));
     for (const char* dir : {"/var/mobile/Library/Logs/Faultkeeper", "/var/mobile/Library/Logs/JXArchive",
                             "/var/mobile/Library/Preferences", "/System/Library/JoulixPlugins",
                             "/Library/Managed Preferences/mobile", "/var/tmp"})
-        EXPECT_TRUE(std::filesystem::is_directory(root(dir))) << dir;
+        EXPECT_TRUE(fs::is_directory(root(dir))) << dir;
     // Without a bus the daemon says so once and runs on.
-    EXPECT_NE(p->err().find("no system bus"), std::string::npos);
-    EXPECT_EQ(p->err().find("no system bus"), p->err().rfind("no system bus"));
+    EXPECT_EQ(occurrences(err, "no system bus"), 1u);
+    const std::string log = logText();
+    ASSERT_TRUE(parseHeader(log)) << log.substr(0, log.find('\n'));
+    EXPECT_HAS(log, "[Config] ",
+               "[Locale] locale=", "[Settings] loggingMode=", "[Process] pid=", "[Network] interface=lo;");
+    // Every built-in logger set up; a device this machine lacks gives at most one line of the system log.
+    for (const char* logger : {"JXConfigLogger", "JXLocaleLogger", "JXSettingsLogger", "JXProcessMonitorLogger",
+                               "JXNetworkLogger", "JXBatteryLogger", "JXDisplayLogger", "JXWiFiLogger",
+                               "JXSleepWakeLogger", "JXTelephonyLogger", "JXBasebandLogger"}) {
+        EXPECT_TRUE(has(err, std::string("setting up core logger ") + logger)) << logger;
+        EXPECT_FALSE(has(err, std::string("Could not find ") + logger)) << logger;
+        EXPECT_LE(occurrences(err, std::string(logger) + ": "), 1u) << logger;
+    }
+    // The shipped thermal bundle, by its name on the static list: entries where the
+    // machine has thermal zones, else one line.
+    EXPECT_HAS(err, "setting up bundle logger JXThermalLogger");
+    EXPECT_FALSE(has(err, "Could not find JXThermalLogger")) << err;
+    std::error_code ec;
+    if (fs::is_empty("/sys/class/thermal", ec) || ec) {
+        EXPECT_FALSE(has(log, "[Thermal]"));
+        EXPECT_HAS(err, "JXThermalLogger: no thermal zone");
+    }
+
+    // The readers take the daemon's log whole.
+    std::string text;
+    ASSERT_EQ(ctl({"log"}, &text, &err), 0);
+    EXPECT_EQ(err, "");  // nothing skipped, a [Clock] entry found
+    ASSERT_EQ(ctl({"export", "--trace", "-"}, &text, &err), 0) << err;
+    const TraceSummary s = checkTrace(nlohmann::json::parse(text));
+    for (const std::string& p : s.problems) ADD_FAILURE() << p;
+    EXPECT_EQ(s.instants.at("log start").size(), 1u);
+
+    // --stdout writes the log to standard output only.
+    fs::remove(root(kLog));
+    Process p({binary("joulix"), "--root", root.path(), "--stdout"}, out("stdout"), env);
+    ASSERT_EQ(p.wait(), 0);
+    EXPECT_FALSE(fs::exists(root(kLog)));
 }
 
-TEST_F(DaemonTest, DynamicDiscoveryLoadsTheExamplePlugIn) {
-    jxtest::installBundle(root, "JXLoadAverageLogger.bundle", "JXLoadAverageLogger.bundle");
-    ASSERT_EQ(ctl({"defaults", "write", "JXLoggerDiscovery", "dynamic"}), 0);
-    auto p = joulix({"--once"});
-    ASSERT_EQ(p->wait(), 0) << p->err();
-    EXPECT_NE(p->err().find("setting up bundle logger JXLoadAverageLogger"), std::string::npos) << p->err();
-    // One-shot: every logger has logged once before the run ends.
-    std::string log = root.readFile("/var/mobile/Library/Logs/CurrentJoulix.joulix");
-    EXPECT_NE(log.find("[LoadAverage] load1="), std::string::npos) << log;
+TEST_F(DaemonTest, OnceCreatesContinuesAndRollsAfterASystemUpdateOrAHeaderOutOfReach) {
+    write({{"JXLinkFaultkeeper", "-bool", "YES"}, {"JXRotateJoulixDebug", "-bool", "YES"}});
+    ASSERT_EQ(once(), 0) << lastErr;
+    const std::string firstText = logText();
+    auto first = parseHeader(firstText);
+    ASSERT_TRUE(first) << firstText;
+    EXPECT_EQ(first->build.substr(0, 4), "12 (");
+    // Linked under its rolled name from the start.
+    const std::string rolledName = "JX_" + first->timestamp + "_" + first->guid + ".joulix";
+    EXPECT_EQ(names(kFaultkeeper), std::vector<std::string>{rolledName});
+
+    // Same period, same build: the same file goes on, and says so. A daemon, this time:
+    // set up, and staying until SIGINT, which is an exit request as SIGTERM is.
+    auto d = joulix();
+    ASSERT_TRUE(waitFor([&] { return has(d->err(), "unblocking after initial startLoggingToFile"); })) << d->err();
+    EXPECT_FALSE(d->wait(0.2));
+    d->signal(SIGINT);
+    EXPECT_EQ(d->wait(), 0);
+    const std::string secondText = logText();
+    EXPECT_TRUE(has(secondText.substr(firstText.size()), "[Log] state=continue; existingLogdate=")) << secondText;
+    EXPECT_EQ(secondText.substr(0, firstText.size()), firstText);
+    EXPECT_EQ(names(kFaultkeeper), std::vector<std::string>{rolledName});
+
+    // A system update: the next start rolls the log under its own name and begins a new one.
+    setOSVersion("13");
+    ASSERT_EQ(once(), 0) << lastErr;
+    auto fresh = parseHeader(logText());
+    ASSERT_TRUE(fresh);
+    EXPECT_NE(fresh->guid, first->guid);
+    EXPECT_EQ(fresh->build.substr(0, 4), "13 (");
+    EXPECT_EQ(root.readFile(kFaultkeeper + "/" + rolledName).substr(0, secondText.size()), secondText);
+    EXPECT_EQ(names(kFaultkeeper).size(), 2u);
+
+    // A header pushed past the first 512 bytes counts as missing.
+    setOSVersion(std::string(600, '9'));
+    ASSERT_EQ(once(), 0) << lastErr;
+    const std::string before = logText();
+    ASSERT_GT(before.find("File_GUID="), 512u);
+    ASSERT_LT(before.find("File_GUID="), before.find('\n'));
+    ASSERT_EQ(once(), 0) << lastErr;
+    // Not continued: a new log replaced it, with a GUID of its own.
+    EXPECT_NE(logText().substr(0, before.find('\n')), before.substr(0, before.find('\n')));
 }
 
-TEST_F(DaemonTest, TerminationSignalsAreExitRequests) {
-    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
-    for (int signo : {SIGTERM, SIGINT}) {
-        auto p = joulix({});
-        ASSERT_TRUE(waitFor([&] { return p->err().find("unblocking after initial startLoggingToFile") != std::string::npos; }))
-            << p->err();
-        // Set up, and staying: it serves its run loop until asked to go.
-        EXPECT_FALSE(p->wait(0.2));
-        p->signal(signo);
-        EXPECT_EQ(p->wait(), 0) << strsignal(signo);
+// Dynamic discovery loads the example plug-in too: it has logged once before each one-shot run ends.
+TEST_F(DaemonTest, RotationOffDiscardsTheOldLogAtEveryStartAndDiscoveryFindsThePlugIn) {
+    installBundle(root, "JXLoadAverageLogger.bundle", "JXLoadAverageLogger.bundle");
+    write({{"JXRotateJoulix", "0"}, {"JXLinkFaultkeeper", "-bool", "NO"}, {"JXLoggerDiscovery", "dynamic"}});
+    std::set<std::string> guids;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(once(), 0) << lastErr;
+        auto h = parseHeader(logText());
+        ASSERT_TRUE(h);
+        guids.insert(h->guid);
+        EXPECT_TRUE(has(logText(), "[LoadAverage] load1="));
+    }
+    EXPECT_EQ(guids.size(), 3u);
+    EXPECT_TRUE(names(kFaultkeeper).empty());
+    EXPECT_TRUE(has(lastErr, "setting up bundle logger JXLoadAverageLogger")) << lastErr;
+}
+
+TEST_F(DaemonTest, DaemonRollsAtEachMinuteByItselfAndArchivesEachClosedLog) {
+    if (!haveFakeTime() || access("/bin/gzip", X_OK) != 0) GTEST_SKIP() << "libfaketime or gzip missing";
+    write({{"JXRotateJoulix", "1 minute"}, {"JXLinkFaultkeeper", "-bool", "YES"}});
+    // The daemon's clock starts just before midnight and runs ten times as fast: two
+    // minute boundaries pass in about nine seconds.
+    auto daemon = joulix({}, "@2026-11-21 23:59:57 x10");
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return names(kFaultkeeper).size() >= 3 && names(kArchive, ".gz").size() >= 2 &&
+                   names(kArchive, ".archive").empty();
+        },
+        60))
+        << daemon->err();
+    daemon->signal(SIGTERM);
+    ASSERT_EQ(daemon->wait(), 0);
+
+    // Every rolled file is named after its own header.
+    const auto rolled = names(kFaultkeeper);
+    for (const std::string& name : rolled) {
+        auto h = parseHeader(root.readFile(kFaultkeeper + "/" + name));
+        ASSERT_TRUE(h) << name;
+        EXPECT_EQ(name, "JX_" + h->timestamp + "_" + h->guid + ".joulix");
+    }
+    const std::string firstLog = root.readFile(kFaultkeeper + "/" + rolled[0]);
+    EXPECT_TRUE(has(firstLog, "Timestamp=2026-11-21-235957"));
+    // A first start finds no log to read: "Missing File"; the timer's start finds it in the past: "roll".
+    EXPECT_TRUE(
+        has(firstLog, "[Log] state=Missing File; existingLogdate=(null); periodStart=(null); rolloverDate=(null);"))
+        << firstLog;
+    EXPECT_TRUE(has(firstLog,
+                    "[Log] state=roll; existingLogdate=2026-11-21 23:59:57 +0000; "
+                    "periodStart=2026-11-22 00:00:00 +0000; rolloverDate=2026-11-22 00:01:00 +0000;"))
+        << firstLog;
+    EXPECT_TRUE(has(rolled[1], "JX_2026-11-22-0000"));
+
+    // Each closed log is archived beside its rolled name, verified by gzip itself.
+    for (const std::string& gz : names(kArchive, ".gz")) {
+        const std::string log = root(kFaultkeeper + "/" + gz.substr(0, gz.size() - 3)),
+                          archive = root(kArchive + "/" + gz);
+        ASSERT_TRUE(fs::exists(log)) << gz;
+        EXPECT_EQ(
+            std::system(("gzip -t '" + archive + "' && gzip -dc '" + archive + "' | cmp -s - '" + log + "'").c_str()),
+            0)
+            << gz;
     }
 }
 
-TEST_F(DaemonTest, SettingsWrittenByTheToolSteerTheDaemon) {
-    ASSERT_EQ(ctl({"defaults", "write", "JXRunLoopDebug", "-bool", "true"}), 0);
-    ASSERT_EQ(ctl({"defaults", "write", "JXStartDelay", "-bool", "YES"}), 0);
-    auto p = joulix({"--once"});
-    ASSERT_EQ(p->wait(), 0);
-    EXPECT_NE(p->err().find("***  Joulix runloop stopped!!!  ***"), std::string::npos) << p->err();
-    // The daemon is named joulix: no start delay, whatever the setting says.
-    EXPECT_EQ(p->err().find("ready..."), std::string::npos);
+TEST_F(DaemonTest, ArchivesOlderThanFourteenDaysGoAtARoll) {
+    if (!haveFakeTime()) GTEST_SKIP() << "libfaketime missing";
+    write({{"JXRotateJoulix", "1 minute"}});
+    const std::string old = root(kArchive + "/JX_old.joulix.gz");
+    root.writeFile(kArchive + "/JX_old.joulix.gz", "made now");
+    // The daemon's clock runs thirteen days ahead: the archive made now is thirteen days old.
+    auto d = joulix({}, fakeStart(13));
+    ASSERT_TRUE(waitFor([&] { return names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty(); }, 60))
+        << d->err();
+    d.reset();
+    EXPECT_TRUE(fs::exists(old));
+    // Fifteen days ahead, the next roll's retention pass removes it.
+    d = joulix({}, fakeStart(15));
+    EXPECT_TRUE(waitFor([&] { return !fs::exists(old); }, 60)) << d->err();
 }
 
-TEST_F(DaemonTest, StateChangedIsPostedOnTheSystemBus) {
-    if (access("/usr/bin/dbus-daemon", X_OK) != 0 || access("/usr/bin/dbus-monitor", X_OK) != 0)
-        GTEST_SKIP() << "dbus-daemon or dbus-monitor missing";
-    std::string address = "unix:path=" + root.path() + "/bus";
-    Process bus({"/usr/bin/dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address},
-                out("bus"));
-    ASSERT_TRUE(waitFor([&] { return std::filesystem::exists(root.path() + "/bus"); }));
-    Process monitor({"/usr/bin/dbus-monitor", "--address", address, "type='signal',interface='com.brindle.Notify'"},
-                    out("monitor"));
-    ASSERT_TRUE(waitFor([&] { return monitor.out().find("NameAcquired") != std::string::npos; }));
+TEST_F(DaemonTest, ADeletedLinkIsRestoredOnlyWhileLinkingIsAllowedAndADeletedLogEveryTime) {
+    write({{"JXLinkFaultkeeper", "-bool", "YES"}, {"JXRotateJoulixDebug", "-bool", "YES"}});
+    auto d = joulix();
+    // Set up: the watch is armed before the notifications, and the first log-file
+    // check (which would itself restore a missing link) has looked at the link count.
+    ASSERT_TRUE(logShows("[Log-SetupNotifications]") && logShows("[Log-IsFileMultiLinked]"));
+    ASSERT_EQ(names(kFaultkeeper, ".joulix").size(), 1u);
+    const std::string link = root(kFaultkeeper + "/" + names(kFaultkeeper, ".joulix")[0]);
+    fs::remove(link);
+    ASSERT_TRUE(logShows("[Log] state=LogDirectoryEvent logPath=" + link + " exists=FAIL"))
+        << logText() << tail(d->err());
+    ASSERT_TRUE(waitFor([&] { return fs::exists(link); }));
+    EXPECT_TRUE(fs::equivalent(link, root(kLog)));
 
-    env["DBUS_SYSTEM_BUS_ADDRESS"] = address;
-    auto p = joulix({"--once"});
-    ASSERT_EQ(p->wait(), 0) << p->err();
-    EXPECT_TRUE(waitFor([&] { return monitor.out().find("com.brindle.joulix.StateChanged") != std::string::npos; }))
-        << monitor.out();
-    EXPECT_NE(monitor.out().find("member=Post"), std::string::npos);
-    EXPECT_EQ(p->err().find("no system bus"), std::string::npos);
-}
-
-TEST_F(DaemonTest, ToolWritesReadsAndDeletesTypedSettings) {
-    struct {
-        std::vector<std::string> write;
-        jx::Value stored;
-        const char* printed;
-    } cases[] = {
-        {{"JXRotateJoulix", "1 minute"}, jx::Value("1 minute"), "1 minute"},
-        {{"JXRotateJoulix", "-string", "-3 hour"}, jx::Value("-3 hour"), "-3 hour"},
-        {{"JXLoggingMode", "-int", "65543"}, jx::Value(65543), "65543"},
-        {{"JXLoggingMode", "-int", "-1"}, jx::Value(-1), "-1"},
-        {{"JXJoulixArchiveDays", "-float", "2.5"}, jx::Value(2.5), "2.5"},
-        {{"JXLinkFaultkeeper", "-bool", "NO"}, jx::Value(false), "0"},
-        {{"JXFullModeBlackList", "-array", "2026-11-20", "2026-11-21"},
-         jx::Value(jx::Array{jx::Value("2026-11-20"), jx::Value("2026-11-21")}), "(\n    \"2026-11-20\",\n    \"2026-11-21\"\n)"},
-    };
-    for (auto& c : cases) {
-        std::vector<std::string> args{"defaults", "write"};
-        args.insert(args.end(), c.write.begin(), c.write.end());
-        ASSERT_EQ(ctl(args), 0) << c.write[0];
-        std::string printed;
-        ASSERT_EQ(ctl({"defaults", "read", c.write[0]}, &printed), 0);
-        EXPECT_EQ(printed, std::string(c.printed) + "\n");
-        auto file = jx::readPropertyListFile(root(kPrefs));
-        ASSERT_TRUE(file);
-        EXPECT_EQ(file->objectForKey(c.write[0]), c.stored) << c.write[0];
+    // Linking off: an event in the crash-report directory is looked at and let be. (One
+    // that comes while the watch is being built again goes unseen: then once more.)
+    write({{"JXLinkFaultkeeper", "-bool", "NO"}});
+    const std::size_t fired = occurrences(logText(), "[Log-LogDirectoryEvent] fired=YES");
+    fs::remove(link);
+    ASSERT_TRUE(waitFor(
+        [&] {
+            if (logShows("[Log-LogDirectoryEvent] fired=YES", fired + 1, 1)) return true;
+            fs::create_hard_link(root(kLog), link);
+            fs::remove(link);
+            return false;
+        },
+        20));
+    // Later events, until one arrives after the watch is built again: by then the
+    // deletion has been handled.
+    ASSERT_TRUE(waitFor([&] {
+        root.writeFile(kFaultkeeper + "/probe", "x");
+        fs::remove(root(kFaultkeeper + "/probe"));
+        return occurrences(logText(), "[Log-LogDirectoryEvent] fired=YES") >= fired + 2;
+    }));
+    EXPECT_FALSE(fs::exists(link));
+    EXPECT_EQ(occurrences(logText(), "state=LogDirectoryEvent logPath=" + link), 1u);
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_TRUE(waitFor([&] { return has(logText(), "[Joulix]"); }));
+        fs::remove(root(kLog));
+        // The watch is armed again after each event, so every deletion is seen.
+        ASSERT_TRUE(logShows("[Log] state=LogDirectoryEvent logPath=" + root(kLog) + " exists=FAIL"))
+            << round << d->err();
     }
-    ASSERT_EQ(ctl({"defaults", "delete", "JXLoggingMode"}), 0);
-    std::string err;
-    EXPECT_EQ(ctl({"defaults", "read", "JXLoggingMode"}, nullptr, &err), 1);
-    EXPECT_NE(err.find("does not exist"), std::string::npos);
-    EXPECT_EQ(ctl({"defaults", "delete", "JXLoggingMode"}), 1);
-
-    // Written, but warned of: an archive age that reads as no time deletes every archive at the next roll.
-    std::string warned, quiet;
-    EXPECT_EQ(ctl({"defaults", "write", "JXJoulixArchiveDays", "two weeks"}, nullptr, &warned), 0);
-    EXPECT_NE(warned.find("every archive will be deleted"), std::string::npos) << warned;
-    EXPECT_EQ(ctl({"defaults", "write", "JXJoulixArchiveDays", "3 hour"}, nullptr, &quiet), 0);
-    EXPECT_EQ(quiet, "");
 }
 
-TEST_F(DaemonTest, ToolRefusesMalformedValuesAndWritesNothing) {
-    ASSERT_EQ(ctl({"defaults", "write", "JXLoggingMode", "-int", "3"}), 0);
-    std::string before = root.readFile(kPrefs);
-    struct {
-        std::vector<std::string> args;
-        int status;
-    } cases[] = {
-        {{"defaults", "write", "JXLoggingMode", "-int", "12abc"}, 1},
-        {{"defaults", "write", "JXLoggingMode", "-int", "99999999999999999999"}, 1},
-        {{"defaults", "write", "JXJoulixArchiveDays", "-float", "nan"}, 1},
-        {{"defaults", "write", "JXLinkFaultkeeper", "-bool", "maybe"}, 1},
-        {{"defaults", "write", "JXLinkFaultkeeper", "-date", "x"}, 2},
-        {{"defaults", "write", "JXLinkFaultkeeper"}, 2},
-        {{"defaults", "write", "JXRotateJoulix", "1", "minute"}, 2},
-        {{"defaults", "frobnicate"}, 2},
-        {{"launch"}, 2},
-    };
-    for (auto& c : cases) {
-        std::string err;
-        EXPECT_EQ(ctl(c.args, nullptr, &err), c.status) << c.args.back();
-        EXPECT_FALSE(err.empty());
+TEST_F(DaemonTest, SteadyLoggingWakesNoWatch) {
+    if (!haveFakeTime()) GTEST_SKIP() << "libfaketime missing";
+    write({{"JXRotateJoulixDebug", "-bool", "YES"}, {"JXLinkFaultkeeper", "-bool", "YES"}});
+    installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
+    // The daemon's time ten times as fast: a sample every 100 ms of it, and more on request.
+    auto d = joulix({}, "@2026-11-21 10:00:00 x10");
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    EXPECT_EQ(occurrences(logText(), "[Log-LogDirectoryEvent]"), 0u);
+    EXPECT_TRUE(waitFor(
+        [&] {
+            d->signal(SIGUSR1);
+            return occurrences(logText(), "[TestBundle]") > 100;
+        },
+        30));
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
+    EXPECT_EQ(occurrences(logText(), "[Log-LogDirectoryEvent]"), 0u) << "the daemon's own writing woke the watch";
+}
+
+TEST_F(DaemonTest, EachRollRunsTheBasebandAnalysisOnTheLogJustRolled) {
+    if (!haveFakeTime()) GTEST_SKIP() << "libfaketime missing";
+    write({{"JXBasebandPostProcessing", "-bool", "YES"},
+           {"JXBasebandPostProcessingNotify", "-bool", "YES"},
+           {"JXLoggingMode", "-int", "1"},
+           {"JXRotateJoulix", "1 minute"},
+           {"JXLinkFaultkeeper", "-bool", "YES"}});
+    // A logger that writes the modem's statistics with every sample; pairs only on the
+    // command line, so the lines go in through the preferences file.
+    installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
+    ASSERT_EQ(ctl({"defaults", "write", "JXTestBundleLogger", "-dict"}), 2);
+    jx::Array lines{
+        jx::Value("[BB HW Log] LogCode=0x1; Duration=300;"),
+        jx::Value("[BB HW RPM] XO_Shutdown=[0%,1200]; VDD_Min=[0%,0];"),
+        jx::Value("[BB HW APPS] Sleep=4; CXO_Shutdown=[90%,55];"),
+        jx::Value("[BB HW Peripherals] USB=[1,2,10%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];")};
+    jx::Dictionary prefs = *jx::readPropertyListFile(root(kPrefs))->asDictionary();
+    prefs["JXTestBundleLogger"] = jx::Value(jx::Dictionary{{"Lines", jx::Value(lines)}});
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(root(kPrefs), jx::Value(prefs)));
+    installComposer();
+
+    auto d = joulix({}, "@2026-11-21 10:00:57 x10");
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    // A steady stream of samples until two rolls have been analysed. (The first roll
+    // comes a moment after the start: on a slow run the log it closes may hold no
+    // sample yet, and its analysis finds no log of interest.)
+    const std::string interest = "BBPowerTool -- Power Log of Interest: ";
+    ASSERT_TRUE(waitFor(
+        [&] {
+            d->signal(SIGUSR1);
+            return occurrences(d->err(), interest) >= 2;
+        },
+        90))
+        << d->err().substr(0, 4000);
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
+
+    // Each run took a log that a roll had closed, never the current one. (A slow run
+    // may start after a later roll than its own.)
+    const auto rolled = names(kFaultkeeper, ".joulix");
+    ASSERT_GE(rolled.size(), 3u);
+    const std::string err = d->err();
+    for (auto at = err.find(interest); at != std::string::npos; at = err.find(interest, at + 1)) {
+        const fs::path path = err.substr(at + interest.size(), err.find('\n', at) - at - interest.size());
+        std::error_code ec;
+        EXPECT_FALSE(fs::equivalent(path, root(kLog), ec)) << "the current log is never the one analysed";
+        EXPECT_NE(std::find(rolled.begin(), rolled.end(), path.filename().string()), rolled.end()) << path;
+        EXPECT_EQ(path.parent_path(), fs::path(root(kFaultkeeper))) << path;
     }
-    EXPECT_EQ(root.readFile(kPrefs), before);
-}
-
-TEST_F(DaemonTest, ToolReachesOtherDomainsAndTheManagedFallBack) {
-    ASSERT_EQ(ctl({"--domain", "com.brindle.launchdeck", "defaults", "write", "SBAutoLockTime", "-int", "60"}), 0);
-    EXPECT_TRUE(std::filesystem::exists(root("/var/mobile/Library/Preferences/com.brindle.launchdeck.plist")));
-    std::string printed;
-    EXPECT_EQ(ctl({"defaults", "read", "SBAutoLockTime"}, &printed), 1);
-
-    std::filesystem::create_directories(root("/Library/Managed Preferences/mobile"));
-    ASSERT_TRUE(jx::writePropertyListFileAtomically(root("/Library/Managed Preferences/mobile/com.brindle.joulix.plist"),
-                                                    jx::Value(jx::Dictionary{{"JXLinkFaultkeeper", jx::Value(true)}})));
-    ASSERT_EQ(ctl({"defaults", "read", "JXLinkFaultkeeper"}, &printed), 0);
-    EXPECT_EQ(printed, "1\n");
-    ASSERT_EQ(ctl({"defaults", "read"}, &printed), 0);
-    EXPECT_NE(printed.find("JXLinkFaultkeeper = 1;"), std::string::npos) << printed;
+    EXPECT_TRUE(has(err, "BBPowerTool -- Calcualte ARM Utility Values"));
+    const std::size_t runs = occurrences(err, "BBPowerTool -- Execution Complete");
+    const std::string metrics = root.readFile(kLogs + "/Metrics/metrics.jsonl");
+    EXPECT_EQ(occurrences(metrics, "\"component\":31,\"metric\":2031617"), runs) << metrics;
+    EXPECT_EQ(names(kLogs + "/Larkin").size(), runs);
 }
 
 }  // namespace

@@ -1,49 +1,36 @@
 // The real daemon and joulixctl, running as root, meeting a symbolic link planted by
 // the account that owns the log directories at each name they write: the file the
 // link points at stays as it was, the planting is said once, and the work goes on.
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
 #include "tests/baseband/SampleLog.h"
 #include "tests/integration/Process.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-using jxtest::occurrences;
-using jxtest::tail;
-using jxtest::waitFor;
+using namespace jxtest;
 
-const std::string kLogs = "/var/mobile/Library/Logs";
-const std::string kLog = kLogs + "/CurrentJoulix.joulix";
-const std::string kFaultkeeper = kLogs + "/Faultkeeper";
-const std::string kArchive = kLogs + "/JXArchive";
 const std::string kOldName = "JX_2026-11-20-100000_PLANTED.joulix";
 const std::string kOldLog =
     "11/20/2026 10:00:00.000 [Joulix] Version=6.01; Build=an older build; Timestamp=2026-11-20-100000; "
     "File_GUID=PLANTED; rotateJoulixKey=Default; loggingMode=Lite; binary=joulix; pid=1;\n";
+
+class PlantedLinksTest : public BinariesTest {
+protected:
+    Victim victim;
+};
 
 bool isRegular(const std::string& path) {
     struct stat st {};
     return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-class PlantedLinksTest : public jxtest::BinariesTest {
-protected:
-    jxtest::Victim victim;
-};
-
 TEST_F(PlantedLinksTest, ALinkAtANameTheDaemonWritesIsNeverWrittenThrough) {
-    struct Case {
+    const std::string rolled = kFaultkeeper + "/" + kOldName, archive = kArchive + "/" + kOldName;
+    const struct {
         const char* role;
         std::string at;           // where the link is planted
         bool roll;                // an old log is there to be rolled at the start
@@ -51,36 +38,33 @@ TEST_F(PlantedLinksTest, ALinkAtANameTheDaemonWritesIsNeverWrittenThrough) {
         std::string madeRegular;  // a name that must hold a regular file afterwards
     } cases[] = {
         {"current log", kLog, false, "a symbolic link, not a regular file: not read as a log", kLog},
-        {"rolled log's name", kFaultkeeper + "/" + kOldName, true, "a symbolic link stood at the name: moved aside",
-         kFaultkeeper + "/" + kOldName},
-        {".archive link", kArchive + "/" + kOldName + ".archive", true,
+        {"rolled log's name", rolled, true, "a symbolic link stood at the name: moved aside", rolled},
+        {".archive link", archive + ".archive", true,
          "cannot create linked file for archive and pList generation : File exists", kLog},
-        {"compressed archive", kArchive + "/" + kOldName + ".gz", true, "a symbolic link stood at the archive's name: replaced",
-         kArchive + "/" + kOldName + ".gz"},
-        {"archive being written", kArchive + "/" + kOldName + ".gz.partial", true, nullptr, kArchive + "/" + kOldName + ".gz"},
-        {"settings file", "/var/mobile/Library/Preferences/com.brindle.joulix.plist", false,
-         "is a symbolic link: settings are never read or written through one", kLog},
+        {"compressed archive", archive + ".gz", true, "a symbolic link stood at the archive's name: replaced",
+         archive + ".gz"},
+        {"archive being written", archive + ".gz.partial", true, nullptr, archive + ".gz"},
+        {"settings file", kPrefs, false, "is a symbolic link: settings are never read or written through one", kLog},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.role);
         fs::remove_all(root("/var"));
-        ASSERT_EQ(ctl({"defaults", "write", "JXLinkFaultkeeper", "-bool", "YES"}), 0);
+        write({{"JXLinkFaultkeeper", "-bool", "YES"}});
         if (c.roll) root.writeFile(kLog, kOldLog);
-        jxtest::plantLink(victim.path(), root(c.at));
-
-        auto p = joulix({"--once"});
-        ASSERT_EQ(p->wait(), 0) << tail(p->err());
-        EXPECT_EQ(victim.changed(), "") << tail(p->err());
+        plantLink(victim.path(), root(c.at));
+        std::string err;
+        ASSERT_EQ(once(&err), 0) << tail(err);
+        EXPECT_EQ(victim.changed(), "") << tail(err);
         if (c.said) {
-            EXPECT_EQ(occurrences(p->err(), c.said), 1u) << tail(p->err());
+            EXPECT_EQ(occurrences(err, c.said), 1u) << tail(err);
         }
         EXPECT_TRUE(isRegular(root(c.madeRegular))) << c.madeRegular;
-        EXPECT_NE(root.readFile(kLog).find("[Joulix]"), std::string::npos);
+        EXPECT_TRUE(has(logText(), "[Joulix]"));
     }
     // joulixctl, as root too, refuses to write settings through the link.
     std::string err;
     EXPECT_NE(ctl({"defaults", "write", "JXRotateJoulix", "2 hour"}, nullptr, &err), 0);
-    EXPECT_NE(err.find("symbolic link"), std::string::npos) << err;
+    EXPECT_TRUE(has(err, "symbolic link")) << err;
     EXPECT_EQ(victim.changed(), "");
 }
 
@@ -88,12 +72,11 @@ TEST_F(PlantedLinksTest, ALinkAtANameTheDaemonWritesIsNeverWrittenThrough) {
 // name is removed first, so the attacker plants the link again and again, to win the
 // moment between the removal and the extract's creation.
 TEST_F(PlantedLinksTest, TheExtractIsNeverWrittenThroughALink) {
-    const std::string crash = root(kFaultkeeper + "/");
+    const std::string crash = root(kFaultkeeper + "/"), temporary = root("/var/tmp/Temp_JoulixForBBPowerTool.joulix");
     fs::create_directories(crash);
-    jxtest::writeDatedFile(crash + "JX_2026-11-14-100000_A.joulix", jxtest::SampleLog().sample(100, 600, 10, 10).text());
-    jxtest::writeDatedFile(crash + "JX_2026-11-15-100000_B.joulix", "11/15/2026 10:00:00.000 [Joulix] x=1;\n");
-    const std::string temporary = root("/var/tmp/Temp_JoulixForBBPowerTool.joulix");
-    jxtest::plantLink(victim.path(), temporary);
+    writeDatedFile(crash + "JX_2026-11-14-100000_A.joulix", SampleLog().sample(100, 600, 10, 10).text());
+    writeDatedFile(crash + "JX_2026-11-15-100000_B.joulix", "11/15/2026 10:00:00.000 [Joulix] x=1;\n");
+    plantLink(victim.path(), temporary);
     std::atomic<bool> stop{false};
     std::thread attacker([&] {
         while (!stop) ::symlink(victim.path().c_str(), temporary.c_str());
@@ -108,21 +91,19 @@ TEST_F(PlantedLinksTest, TheExtractIsNeverWrittenThroughALink) {
 // The race: the attacker swaps a regular file and a link at every name the next
 // archive will take, as fast as it can, while the daemon rolls once a (faked) minute.
 TEST_F(PlantedLinksTest, SwappingLinksAtTheArchiveNamesDuringFiftyRollsWritesNothingThrough) {
-    if (access(jxtest::kFakeTime.c_str(), R_OK) != 0) GTEST_SKIP() << "libfaketime missing";
-    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulix", "1 minute"}), 0);
-    // Each roll's state is then said on standard error, where the rolls are counted.
-    ASSERT_EQ(ctl({"defaults", "write", "JXRotateJoulixDebug", "-bool", "YES"}), 0);
+    if (!haveFakeTime()) GTEST_SKIP() << "libfaketime missing";
+    // Each roll's state is said on standard error, where the rolls are counted.
+    write({{"JXRotateJoulix", "1 minute"}, {"JXRotateJoulixDebug", "-bool", "YES"}});
     fs::create_directories(root(kArchive));
     auto d = joulix({}, "@2026-11-23 10:00:00 x300");
-    ASSERT_TRUE(waitFor([&] { return root.readFile(kLog).find("File_GUID=") != std::string::npos; })) << d->err();
-
+    ASSERT_TRUE(logShows("File_GUID=")) << d->err();
     std::atomic<bool> stop{false};
     std::thread attacker([&] {
         // The names of the last few logs: a rolled log is compressed a moment after
         // the roll, when the current log already carries the next name.
-        std::deque<std::string> names;
+        std::deque<std::string> recent;
         while (!stop) {
-            const std::string head = root.readFile(kLog).substr(0, 512);
+            const std::string head = logText().substr(0, 512);
             auto field = [&](const std::string& key) {
                 std::size_t at = head.find(key + "=");
                 if (at == std::string::npos) return std::string();
@@ -130,9 +111,9 @@ TEST_F(PlantedLinksTest, SwappingLinksAtTheArchiveNamesDuringFiftyRollsWritesNot
                 return head.substr(at, head.find(';', at) - at);
             };
             const std::string name = "JX_" + field("Timestamp") + "_" + field("File_GUID") + ".joulix";
-            if (names.empty() || names.back() != name) names.push_back(name);
-            if (names.size() > 3) names.pop_front();
-            for (const std::string& n : names)
+            if (recent.empty() || recent.back() != name) recent.push_back(name);
+            if (recent.size() > 3) recent.pop_front();
+            for (const std::string& n : recent)
                 for (const char* suffix : {".gz", ".gz.partial"}) {
                     const std::string path = root(kArchive + "/" + n + suffix);
                     std::error_code ec;

@@ -5,40 +5,30 @@
 #include <linux/nl80211.h>
 #include <net/if.h>
 
-#include <cstring>
-#include <vector>
-
 #include "plugins/builtin/Nl80211.h"
-
-namespace {
 
 using Bytes = std::vector<unsigned char>;
 
 // One attribute as the kernel lays it out: length, type, value, padded to four.
-Bytes attribute(std::uint16_t type, const Bytes& value, bool nested = false) {
-    nlattr a{};
-    a.nla_len = static_cast<std::uint16_t>(sizeof a + value.size());
-    a.nla_type = static_cast<std::uint16_t>(type | (nested ? NLA_F_NESTED : 0));
-    Bytes out(sizeof a);
-    std::memcpy(out.data(), &a, sizeof a);
+static Bytes attribute(std::uint16_t type, const Bytes& value, bool nested = false) {
+    const nlattr a{static_cast<std::uint16_t>(sizeof(nlattr) + value.size()),
+                   static_cast<std::uint16_t>(type | (nested ? NLA_F_NESTED : 0))};
+    Bytes out(reinterpret_cast<const unsigned char*>(&a), reinterpret_cast<const unsigned char*>(&a + 1));
     out.insert(out.end(), value.begin(), value.end());
     out.resize((out.size() + 3) & ~std::size_t{3}, 0);
     return out;
 }
 template <typename T>
-Bytes number(T v) {
-    Bytes out(sizeof v);
-    std::memcpy(out.data(), &v, sizeof v);
-    return out;
+static Bytes number(T v) {
+    return Bytes(reinterpret_cast<const unsigned char*>(&v), reinterpret_cast<const unsigned char*>(&v + 1));
 }
-Bytes operator+(Bytes a, const Bytes& b) {
+static Bytes operator+(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
 
-std::optional<std::uint32_t> rateOf(const Bytes& reply) { return jx::Nl80211::txBitrate(reply.data(), reply.size()); }
-
-TEST(Nl80211Test, TheTransmitBitRateOfAStationReply) {
+TEST(Nl80211Test, TheTransmitBitRateOfAStationReplyAndAskingTheKernel) {
+    auto rateOf = [](const Bytes& reply) { return jx::Nl80211::txBitrate(reply.data(), reply.size()); };
     const Bytes signal = attribute(NL80211_STA_INFO_SIGNAL, number<std::int8_t>(-52));
     const Bytes rx = attribute(NL80211_STA_INFO_RX_BITRATE,
                                attribute(NL80211_RATE_INFO_BITRATE32, number<std::uint32_t>(1200)), true);
@@ -61,12 +51,9 @@ TEST(Nl80211Test, TheTransmitBitRateOfAStationReply) {
     const Bytes whole = attribute(NL80211_ATTR_STA_INFO, attribute(NL80211_STA_INFO_TX_BITRATE, both, true), true);
     for (std::size_t cut = 0; cut < whole.size(); ++cut)
         EXPECT_EQ(jx::Nl80211::txBitrate(whole.data(), cut), std::nullopt) << cut;
-}
 
-TEST(Nl80211Test, AnInterfaceWithoutARadioHasNoBitRate) {
+    // Asked of the kernel: an interface without a radio has no bit rate, and again on the same socket.
     jx::Nl80211 radio;
     EXPECT_EQ(radio.stationTxBitrate(if_nametoindex("lo")), std::nullopt);
-    EXPECT_EQ(radio.stationTxBitrate(if_nametoindex("lo")), std::nullopt);  // and again on the same socket
+    EXPECT_EQ(radio.stationTxBitrate(if_nametoindex("lo")), std::nullopt);
 }
-
-}  // namespace

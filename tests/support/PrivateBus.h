@@ -4,10 +4,10 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -6,6 +6,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -18,9 +19,20 @@
 
 namespace jxtest {
 
-TestRoot::TestRoot() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "joulix-test-XXXXXX").string();
-    path_ = mkdtemp(tmpl.data());
+namespace {
+std::string madeTemporaryDirectory(const char* name) {
+    std::string tmpl = (std::filesystem::temp_directory_path() / name).string();
+    return mkdtemp(tmpl.data());
+}
+std::string contentsOf(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+}  // namespace
+
+TestRoot::TestRoot() : path_(madeTemporaryDirectory("joulix-test-XXXXXX")) {
     jx::setRoot(path_);
     JXDefaultsResetManagedCacheForTesting();
 }
@@ -39,12 +51,7 @@ void TestRoot::writeFile(const std::string& absolute, const std::string& content
     std::ofstream(p, std::ios::binary) << contents;
 }
 
-std::string TestRoot::readFile(const std::string& absolute) const {
-    std::ifstream in((*this)(absolute), std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+std::string TestRoot::readFile(const std::string& absolute) const { return contentsOf((*this)(absolute)); }
 
 LogCapture::LogCapture() { jx::setLogSink(this); }
 LogCapture::~LogCapture() { jx::setLogSink(nullptr); }
@@ -55,9 +62,8 @@ void LogCapture::message(int level, std::string_view text) {
 }
 
 std::vector<std::string> LogCapture::messages() const {
-    std::lock_guard lock(mutex_);
     std::vector<std::string> out;
-    for (auto& e : entries_) out.push_back(e.second);
+    for (auto& e : entries()) out.push_back(e.second);
     return out;
 }
 
@@ -69,16 +75,13 @@ std::vector<std::pair<int, std::string>> LogCapture::entries() const {
 bool LogCapture::contains(const std::string& text) const { return count(text) > 0; }
 
 std::size_t LogCapture::count(const std::string& text) const {
-    std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (auto& e : entries_) n += e.second == text;
-    return n;
+    auto all = messages();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
 }
 
 std::size_t LogCapture::countContaining(const std::string& text) const {
-    std::lock_guard lock(mutex_);
     std::size_t n = 0;
-    for (auto& e : entries_) n += e.second.find(text) != std::string::npos;
+    for (auto& m : messages()) n += m.find(text) != std::string::npos;
     return n;
 }
 
@@ -89,7 +92,6 @@ jx::Date FakeClock::now() {
     std::lock_guard lock(mutex_);
     return now_;
 }
-
 void FakeClock::sleepSeconds(unsigned seconds) {
     std::lock_guard lock(mutex_);
     sleeps_.push_back(seconds * 1000000ULL);
@@ -108,73 +110,18 @@ void FakeClock::setNow(jx::Date d) {
     std::lock_guard lock(mutex_);
     now_ = d;
 }
-
 double FakeClock::suspendedSeconds() {
     std::lock_guard lock(mutex_);
     return suspended_;
 }
-
 void FakeClock::suspend(double seconds) {
     std::lock_guard lock(mutex_);
     now_.secondsSince1970 += seconds;
     suspended_ += seconds;
 }
-
 std::vector<std::uint64_t> FakeClock::sleepsMicroseconds() const {
     std::lock_guard lock(mutex_);
     return sleeps_;
-}
-
-RecordingSystemCenter::RecordingSystemCenter() { jx::SystemNotificationCenter::setShared(this); }
-RecordingSystemCenter::~RecordingSystemCenter() { jx::SystemNotificationCenter::setShared(nullptr); }
-
-bool RecordingSystemCenter::post(const std::string& name) {
-    std::vector<Observer> targets;
-    {
-        std::lock_guard lock(mutex_);
-        posted_.push_back(name);
-        for (auto& o : observers_)
-            if (o.name == name) targets.push_back(o);
-    }
-    for (auto& o : targets) {
-        o.loop->perform([this, o, name] {
-            {
-                std::lock_guard lock(mutex_);
-                bool still = false;
-                for (auto& r : observers_) still |= r.observer == o.observer && r.name == name;
-                if (!still) return;
-            }
-            // Posted by this process's own user, as the bus would say.
-            (*o.callback)(this, o.observer, name, nullptr,
-                          jx::Value(jx::Dictionary{{jx::kSenderUIDKey, jx::Value(static_cast<long long>(geteuid()))}}));
-        });
-    }
-    return true;
-}
-
-bool RecordingSystemCenter::addObserver(void* observer, const std::string& name, Callback callback,
-                                        SuspensionBehavior, std::shared_ptr<jx::RunLoop> loop) {
-    std::lock_guard lock(mutex_);
-    observers_.push_back({observer, name, std::make_shared<Callback>(std::move(callback)),
-                          loop ? loop : jx::RunLoop::current()});
-    return true;
-}
-
-void RecordingSystemCenter::removeObserver(void* observer, const std::string& name) {
-    std::lock_guard lock(mutex_);
-    std::erase_if(observers_, [&](const Observer& o) { return o.observer == observer && o.name == name; });
-}
-
-std::vector<std::string> RecordingSystemCenter::observed() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> names;
-    for (auto& o : observers_) names.push_back(o.name);
-    return names;
-}
-
-std::vector<std::string> RecordingSystemCenter::posted() const {
-    std::lock_guard lock(mutex_);
-    return posted_;
 }
 
 std::string installBundle(const TestRoot& root, const std::string& built, const std::string& as, mode_t mode) {
@@ -188,14 +135,9 @@ std::string installBundle(const TestRoot& root, const std::string& built, const 
     return path;
 }
 
-namespace {
 const char kVictimBytes[] = "a file only root may read or write\n";
-}
 
-Victim::Victim() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "joulix-victim-XXXXXX").string();
-    dir_ = mkdtemp(tmpl.data());
-    path_ = dir_ + "/secret";
+Victim::Victim() : dir_(madeTemporaryDirectory("joulix-victim-XXXXXX")), path_(dir_ + "/secret") {
     std::ofstream(path_, std::ios::binary) << kVictimBytes;
     ::chmod(path_.c_str(), 0600);
     ::stat(path_.c_str(), &made_);
@@ -210,10 +152,7 @@ std::string Victim::changed() const {
     struct stat now {};
     if (::lstat(path_.c_str(), &now) != 0) return "it is gone";
     std::string what;
-    std::ifstream in(path_, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    if (bytes.str() != kVictimBytes) what += "bytes ";
+    if (contentsOf(path_) != kVictimBytes) what += "bytes ";
     if (now.st_uid != made_.st_uid || now.st_gid != made_.st_gid) what += "owner ";
     if (now.st_mode != made_.st_mode) what += "mode ";
     if (now.st_mtim.tv_sec != made_.st_mtim.tv_sec || now.st_mtim.tv_nsec != made_.st_mtim.tv_nsec) what += "mtime ";
@@ -235,7 +174,8 @@ void plantLink(const std::string& target, const std::string& path) {
     // The way down must be open to the account (a test root is made for its owner only).
     for (std::filesystem::path up = dir; up != up.parent_path(); up = up.parent_path()) {
         struct stat st {};
-        if (::stat(up.c_str(), &st) == 0 && !(st.st_mode & S_IXOTH)) ::chmod(up.c_str(), (st.st_mode & 07777) | S_IXOTH);
+        if (::stat(up.c_str(), &st) == 0 && !(st.st_mode & S_IXOTH))
+            ::chmod(up.c_str(), (st.st_mode & 07777) | S_IXOTH);
     }
     pid_t child = ::fork();
     if (child == 0) {
@@ -265,4 +205,3 @@ bool waitFor(const std::function<bool()>& condition, double seconds) {
 }
 
 }  // namespace jxtest
-

@@ -1,5 +1,5 @@
 // Shared test fixtures: a private root per test, captured system-log messages,
-// a clock that records sleeps instead of sleeping, a recording system-wide centre.
+// a clock that records sleeps instead of sleeping.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -67,32 +67,6 @@ private:
     jx::Date now_ = jx::Date::now();  // the present, moved on by sleeps and setNow
     std::vector<std::uint64_t> sleeps_;
     double suspended_ = 0;
-};
-
-// Records posts and delivers them, in this process only, to the observers of the
-// name through each observer's run loop, as the bus would.
-class RecordingSystemCenter : public jx::SystemNotificationCenter {
-public:
-    RecordingSystemCenter();
-    ~RecordingSystemCenter() override;
-    bool post(const std::string& name) override;
-    bool addObserver(void* observer, const std::string& name, Callback callback, SuspensionBehavior behavior,
-                     std::shared_ptr<jx::RunLoop> loop) override;
-    void removeObserver(void* observer, const std::string& name) override;
-    std::vector<std::string> posted() const;
-    // The names observed now, one per observation.
-    std::vector<std::string> observed() const;
-
-private:
-    struct Observer {
-        void* observer;
-        std::string name;
-        std::shared_ptr<Callback> callback;
-        std::shared_ptr<jx::RunLoop> loop;
-    };
-    mutable std::mutex mutex_;
-    std::vector<std::string> posted_;
-    std::vector<Observer> observers_;
 };
 
 // Copies a bundle of the build into the root's plug-in directory under another

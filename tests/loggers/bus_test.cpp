@@ -1,0 +1,315 @@
+// Loggers that follow services on a private system bus: sleep and wake from a login
+// manager (and the kernel's suspend statistics where there is none), and modems from
+// a modem manager.
+#include <fcntl.h>
+#include <poll.h>
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "platform/FileDescriptor.h"
+#include "tests/loggers/LoggerTree.h"
+
+using jxtest::waitFor;
+
+// A connection to the private system bus served from its own thread, for fake
+// services. Declare it after whatever its handlers use, so that it stops first.
+class BusServer {
+public:
+    BusServer() {
+        if (sd_bus* bus = nullptr; sd_bus_open_system(&bus) >= 0) bus_ = bus;
+    }
+    ~BusServer() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        if (bus_) sd_bus_flush_close_unref(bus_);
+    }
+
+    // Null when there is no bus; objects are exported on it before serve().
+    sd_bus* bus() const { return bus_; }
+    // Takes the name and serves from now on, each turn beginning with the hook.
+    bool serve(const char* name, std::function<void()> eachTurn = {}) {
+        if (!bus_ || sd_bus_request_name(bus_, name, 0) < 0) return false;
+        thread_ = std::thread([this, eachTurn = std::move(eachTurn)] {
+            while (!stop_) {
+                if (eachTurn) eachTurn();
+                while (sd_bus_process(bus_, nullptr) > 0) {
+                }
+                sd_bus_wait(bus_, 5000);
+            }
+        });
+        return true;
+    }
+    // Runs f under the lock the service's handlers and the test share.
+    template <typename F>
+    auto locked(F f) {
+        std::lock_guard lock(mutex_);
+        return f();
+    }
+
+private:
+    sd_bus* bus_ = nullptr;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::thread thread_;
+};
+
+// A login manager: hands out delay locks (the write end of a pipe, so that the
+// test sees a lock let go as the end of the pipe) and sends PrepareForSleep. The
+// bus is used from its own thread only.
+class FakeLoginManager {
+public:
+    FakeLoginManager() {
+        ready_ = server_.bus() &&
+                 sd_bus_add_object_vtable(server_.bus(), nullptr, kPath, kInterface, kVtable, this) >= 0 &&
+                 server_.serve("org.freedesktop.login1", [this] {
+                     for (bool start : server_.locked([&] { return std::exchange(pending_, {}); }))
+                         sd_bus_emit_signal(server_.bus(), kPath, kInterface, "PrepareForSleep", "b", int(start));
+                 });
+    }
+    bool ready() const { return ready_; }
+    void prepareForSleep(bool start) {
+        server_.locked([&] { pending_.push_back(start); });
+    }
+    std::size_t inhibitCalls() {
+        return server_.locked([&] { return locks_.size(); });
+    }
+    // Whether every holder of the n-th lock handed out has let it go.
+    bool released(std::size_t n) {
+        return server_.locked([&] {
+            pollfd p{n < locks_.size() ? locks_[n].get() : -1, POLLIN, 0};
+            return n < locks_.size() && ::poll(&p, 1, 0) == 1 && (p.revents & POLLHUP);
+        });
+    }
+
+private:
+    static constexpr const char* kPath = "/org/freedesktop/login1";
+    static constexpr const char* kInterface = "org.freedesktop.login1.Manager";
+    static int onInhibit(sd_bus_message* m, void* userdata, sd_bus_error*) {
+        const char *what = nullptr, *who = nullptr, *why = nullptr, *mode = nullptr;
+        if (sd_bus_message_read(m, "ssss", &what, &who, &why, &mode) < 0) return -EINVAL;
+        if (std::string(what) != "sleep" || std::string(mode) != "delay") return -EINVAL;
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) return -errno;
+        jx::FileDescriptor readEnd(ends[0]), writeEnd(ends[1]);
+        int r = sd_bus_reply_method_return(m, "h", writeEnd.get());  // the message keeps a copy
+        auto* self = static_cast<FakeLoginManager*>(userdata);
+        self->server_.locked([&] { self->locks_.push_back(std::move(readEnd)); });
+        return r;
+    }
+    static constexpr sd_bus_vtable kVtable[] = {
+        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ssss", "h", onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_SIGNAL("PrepareForSleep", "b", 0), SD_BUS_VTABLE_END};
+
+    bool ready_ = false;
+    std::vector<bool> pending_;
+    std::vector<jx::FileDescriptor> locks_;
+    BusServer server_;  // last: stops before the members its handlers use go
+};
+
+class SleepWakeTest : public LoggerTree {
+protected:
+    void source(int n, const char* name, int count, int changedMs) {
+        files(jx::formatString("/sys/class/wakeup/wakeup%d", n),
+              jx::formatString("name=%s; wakeup_count=%d; last_change_ms=%d", name, count, changedMs));
+    }
+    bool follows() {
+        bool f = false;
+        logger->loggerSerialQueue().sync([&] { f = logger->followsLoginManager(); });
+        return f;
+    }
+    std::shared_ptr<JXSleepWakeLogger> logger = std::make_shared<JXSleepWakeLogger>(sys());
+};
+
+TEST_F(SleepWakeTest, FollowsTheLoginManagerLetsTheDeviceSleepOnceTheSleepIsLoggedAndCountsWhileTheBusIsGone) {
+    jxtest::PrivateBus bus;
+    if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
+    source(0, "rtc0", 3, 100);
+    source(1, "PNP0C0D:00", 5, 50);
+    files("/sys",
+          "class/power_supply/BAT0/type=Battery; class/power_supply/BAT0/energy_now=50000000; "  // µWh
+          "power/suspend_stats/success=7");
+    clock.setNow(jx::Date{1795000000 - 60});
+    {
+        FakeLoginManager manager;
+        ASSERT_TRUE(manager.ready());
+        trigger(*logger);
+        ASSERT_TRUE(follows());
+        EXPECT_EQ(logger->samplePeriod(), 0) << "no timer while the login manager says when";
+        ASSERT_TRUE(waitFor([&] { return manager.inhibitCalls() == 1; }));
+        EXPECT_FALSE(manager.released(0));
+
+        manager.prepareForSleep(true);
+        ASSERT_TRUE(waitFor([&] { return manager.released(0); }));
+        EXPECT_EQ(fresh(""), Lines{"[Sleep] event=did_sleep;"}) << "let go only once the entry is in the file";
+
+        source(1, "PNP0C0D:00", 6, 900);  // the lid woke it
+        clock.suspend(3598);
+        clock.setNow(jx::Date{1795003600});  // two seconds awake on the way in and out
+        files("/sys/class/power_supply/BAT0", "energy_now=49000000");
+        manager.prepareForSleep(false);
+        ASSERT_TRUE(waitFor([&] { return lines("Suspend").size() == 1; }));
+        // 1000 mWh in an hour.
+        EXPECT_EQ(fresh(""), (Lines{"[Wake] reason=PNP0C0D:00;",
+                                    "[Suspend] began_utc_s=1795000000.000; ended_utc_s=1795003600.000; "
+                                    "duration_s=3600.000; suspended_s=3598.000; energy_before_mwh=50000; "
+                                    "energy_after_mwh=49000; drain_mw=1000; span_s=3600.000; woken_by=PNP0C0D:00; "
+                                    "accounting=login_manager;"}));
+        EXPECT_EQ(readAs("Suspend"), "") << "the post-processor reads no [Suspend] entry";
+        ASSERT_TRUE(waitFor([&] { return manager.inhibitCalls() == 2; }));  // a lock for the next sleep
+        EXPECT_FALSE(manager.released(1));
+        EXPECT_EQ(readAs("Sleep"), "APSleepStatus=sleep");
+        EXPECT_EQ(readAs("Wake"), "APSleepStatus=awake;reason=PNP0C0D:00");
+
+        ASSERT_TRUE(bus.restart());  // the bus goes away under the logger
+        ASSERT_TRUE(waitFor([&] { return !follows(); }));
+    }
+    EXPECT_EQ(log.countContaining("the system bus went away"), 1u);
+    logger->loggerSerialQueue().sync([] {});
+    EXPECT_EQ(logger->samplePeriod(), 60) << "the kernel's count, on the timer";
+    source(0, "rtc0", 4, 2000);
+    files("/sys/power/suspend_stats", "success=8");
+    tick(*logger);
+    EXPECT_EQ(fresh("Sleep"), (Lines{"[Sleep] event=did_sleep;", "[Sleep] event=did_sleep;"}));
+    EXPECT_EQ(fresh("Wake"), (Lines{"[Wake] reason=PNP0C0D:00;", "[Wake] reason=rtc0;"}));
+
+    // The bus is back with a login manager: the next triggered sample follows it, and the timer stops.
+    FakeLoginManager manager;
+    ASSERT_TRUE(manager.ready());
+    trigger(*logger);
+    EXPECT_TRUE(follows());
+    EXPECT_EQ(logger->samplePeriod(), 0);
+    logger.reset();  // stops the bus thread with the logger
+}
+
+// Without a bus: the kernel's statistics, each suspend written when the timer next
+// looks; two suspends, the second counted late (no source counted it), are one account.
+TEST_F(SleepWakeTest, WithoutABusSuspendsCountedSinceTheLastLookAreOneSleepAndWake) {
+    NoSystemBus noBus;
+    source(0, "rtc0", 1, 100);
+    // A phone's gauge: charge (µAh) and voltage (µV) only.
+    files("/sys",
+          "class/power_supply/BAT0/type=Battery; class/power_supply/BAT0/charge_now=3000000; "
+          "class/power_supply/BAT0/voltage_now=3800000; power/suspend_stats/success=3");
+    clock.setNow(jx::Date{1795000000 - 60});
+    EXPECT_EQ(trigger(*logger), Lines{});
+    EXPECT_EQ(logger->samplePeriod(), 60);
+    clock.suspend(30);
+    EXPECT_EQ(tick(*logger), Lines{});
+    clock.suspend(570);  // the charge 10 mAh lower: 38 mWh at 3.8 V
+    files("/sys/class/power_supply/BAT0", "charge_now=2990000");
+    EXPECT_EQ(tick(*logger, "/sys/power", "suspend_stats/success=5; pm_wakeup_irq=42"),
+              (Lines{"[Sleep] event=did_sleep;", "[Wake] reason=irq_42;",
+                     "[Suspend] began_utc_s=1795000120.000; ended_utc_s=1795000720.000; duration_s=600.000; "
+                     "suspended_s=600.000; suspends=2; energy_before_mwh=11400; energy_after_mwh=11362; drain_mw=190; "
+                     "charge_before_mah=3000; charge_after_mah=2990; span_s=720.000; woken_by=irq_42; wakeup_irq=42; "
+                     "accounting=suspend_stats;"}));
+    EXPECT_EQ(log.countContaining("JXSleepWakeLogger"), 0u);
+}
+
+// A modem manager with one modem and one call, exported through its object
+// manager. The bus is used from its own thread only; the state is read under a lock.
+class FakeModemManager {
+public:
+    struct State {
+        int32_t state = 8;  // registered
+        uint32_t signal = 72;
+        uint32_t access = 1u << 14;  // lte
+        uint32_t power = 3;          // on
+        int32_t call = 7;            // terminated
+    };
+    FakeModemManager() {
+        sd_bus* bus = server_.bus();
+        ready_ = bus && sd_bus_add_object_manager(bus, nullptr, "/org/freedesktop/ModemManager1") >= 0 &&
+                 sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/ModemManager1/Modem/0",
+                                          "org.freedesktop.ModemManager1.Modem", kModemVtable, this) >= 0 &&
+                 sd_bus_add_object_vtable(bus, nullptr, "/org/freedesktop/ModemManager1/Call/1",
+                                          "org.freedesktop.ModemManager1.Call", kCallVtable, this) >= 0 &&
+                 server_.serve("org.freedesktop.ModemManager1");
+    }
+    bool ready() const { return ready_; }
+    void set(const State& s) {
+        server_.locked([&] { state_ = s; });
+    }
+
+private:
+    static int property(sd_bus*, const char*, const char* interface, const char* name, sd_bus_message* reply,
+                        void* userdata, sd_bus_error*) {
+        auto* self = static_cast<FakeModemManager*>(userdata);
+        const State s = self->server_.locked([&] { return self->state_; });
+        const std::string p = name;
+        if (std::string(interface) == "org.freedesktop.ModemManager1.Call")
+            return sd_bus_message_append(reply, "i", s.call);
+        if (p == "Model") return sd_bus_message_append(reply, "s", "QM-7; rev B");
+        if (p == "State") return sd_bus_message_append(reply, "i", s.state);
+        if (p == "SignalQuality") return sd_bus_message_append(reply, "(ub)", s.signal, 1);
+        if (p == "AccessTechnologies") return sd_bus_message_append(reply, "u", s.access);
+        if (p == "PowerState") return sd_bus_message_append(reply, "u", s.power);
+        return -EINVAL;
+    }
+    static constexpr sd_bus_vtable kModemVtable[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_PROPERTY("Model", "s", property, 0, 0),
+        SD_BUS_PROPERTY("State", "i", property, 0, 0),
+        SD_BUS_PROPERTY("SignalQuality", "(ub)", property, 0, 0),
+        SD_BUS_PROPERTY("AccessTechnologies", "u", property, 0, 0),
+        SD_BUS_PROPERTY("PowerState", "u", property, 0, 0),
+        SD_BUS_VTABLE_END,
+    };
+    static constexpr sd_bus_vtable kCallVtable[] = {SD_BUS_VTABLE_START(0),
+                                                    SD_BUS_PROPERTY("State", "i", property, 0, 0), SD_BUS_VTABLE_END};
+
+    bool ready_ = false;
+    State state_;
+    BusServer server_;  // last: stops before the state its handlers read goes
+};
+
+class TelephonyLoggerTest : public LoggerTree {
+protected:
+    std::shared_ptr<JXTelephonyLogger> logger = std::make_shared<JXTelephonyLogger>();
+};
+
+TEST_F(TelephonyLoggerTest, EachModemWithItsCallStateForThePostProcessorAndARestartedBusJoinedAgain) {
+    jxtest::PrivateBus bus;
+    if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
+    const struct {
+        FakeModemManager::State state;
+        const char *line, *event;
+    } cases[] = {
+        {{}, "state=registered; signal=72; access=lte; call_status=Inactive; airplane_mode=NO;", "Inactive"},
+        // A call coming in on UMTS, talking on 5G, the radio off.
+        {{8, 40, (1u << 5) | (1u << 1), 3, 3},
+         "state=registered; signal=40; access=umts; call_status=Ringing; airplane_mode=NO;",
+         "Active"},
+        {{11, 40, 1u << 15, 3, 4},
+         "state=connected; signal=40; access=5gnr; call_status=Active; airplane_mode=NO;",
+         "Active"},
+        {{3, 0, 0, 2, 7},
+         "state=disabled; signal=0; access=unknown; call_status=Inactive; airplane_mode=YES;",
+         "Inactive"},
+    };
+    {
+        FakeModemManager manager;
+        ASSERT_TRUE(manager.ready());
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.line);
+            manager.set(c.state);
+            EXPECT_EQ(trigger(*logger), Lines{std::string("[Telephony] modem=QM-7_ rev B; ") + c.line});
+            EXPECT_EQ(readAs("Telephony"), std::string("VoiceCallStatus=") + c.event);
+        }
+        EXPECT_EQ(tick(*logger), Lines{});  // a tick writes only a change
+        manager.set({});
+        EXPECT_EQ(tick(*logger).size(), 1u);
+        ASSERT_TRUE(bus.restart());
+    }
+    FakeModemManager manager;
+    ASSERT_TRUE(manager.ready());
+    manager.set(cases[3].state);
+    logger->log();  // may first find the old connection gone
+    fresh("");
+    EXPECT_EQ(trigger(*logger), Lines{std::string("[Telephony] modem=QM-7_ rev B; ") + cases[3].line});
+    logger.reset();
+}
