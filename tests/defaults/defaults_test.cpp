@@ -51,9 +51,12 @@ TEST_F(DefaultsTest, LoggingModeIsTruncatedToSixteenBits) {
     }
 }
 
-TEST_F(DefaultsTest, SetDefaultLeavesAnyExistingValueEvenAManagedOneAndWritesReachTheFile) {
-    writeManaged({{"JXLinkFaultkeeper", jx::Value(false)}});
+TEST_F(DefaultsTest, StoreWinsOverManagedFileAndSetDefaultLeavesAnyExistingValueAndWritesReachTheFile) {
+    writeManaged({{"JXLinkFaultkeeper", jx::Value(false)}, {"JXLoggerDiscovery", jx::Value("static")}});
     JXDefaultsSetValueForKey(JXRotateJoulixKey, jx::Value("1 hour"));
+    // The store wins over the managed file, which fills only the gaps.
+    JXDefaultsSetValueForKey(JXLoggerDiscovery, jx::Value("dynamic"));
+    EXPECT_EQ(JXDefaultsValueForKey(JXLoggerDiscovery), jx::Value("dynamic"));
     EXPECT_TRUE(JXDefaultsValueExistsForKey(JXLinkFaultkeeper));
     EXPECT_FALSE(JXDefaultsValueExistsForKey(JXDeviceNameInFileName));
 
