@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "platform/Compression.h"
 #include "platform/KernelFiles.h"
 #include "platform/SafeFiles.h"
 #include "tests/support/TestSupport.h"
@@ -130,3 +132,29 @@ TEST(OpenAttributesTest, AFileThatCannotSeekIsReadStraightOn) {
 }
 
 }  // namespace
+
+// The archive repair trusts this check: a compression cut short or a damaged trailer
+// must not pass for a whole archive.
+TEST(Compression, OnlyAWholeGzipStreamPassesTheCheck) {
+    FILE* in = std::tmpfile();
+    FILE* out = std::tmpfile();
+    ASSERT_TRUE(in && out);
+    for (int i = 0; i < 20000; ++i) std::fprintf(in, "11/23/2026 00:00:%02d.000 [Battery] level=%d;\n", i % 60, i);
+    std::rewind(in);
+    ASSERT_EQ(jx::deflateFileToGzip(in, out, 6), 0);
+    std::fflush(out);
+    const int fd = fileno(out);
+    const off_t size = ::lseek(fd, 0, SEEK_END);
+    EXPECT_TRUE(jx::gzipFileChecks(fd));
+    char last = 0;
+    ASSERT_EQ(::pread(fd, &last, 1, size - 1), 1);
+    last ^= 1;  // the length in the trailer no longer matches
+    ASSERT_EQ(::pwrite(fd, &last, 1, size - 1), 1);
+    EXPECT_FALSE(jx::gzipFileChecks(fd));
+    for (off_t cut : {size - 1, size / 2, off_t{10}, off_t{0}}) {
+        ASSERT_EQ(::ftruncate(fd, cut), 0);
+        EXPECT_FALSE(jx::gzipFileChecks(fd)) << "cut at " << cut;
+    }
+    std::fclose(in);
+    std::fclose(out);
+}
