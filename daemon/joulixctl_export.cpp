@@ -1,7 +1,5 @@
 // joulixctl export --trace: the power logs as a trace-event JSON file for trace viewers
 // and trace processors.
-#include <getopt.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -14,15 +12,13 @@
 #include "analysis/LogReader.h"
 #include "analysis/TimeText.h"
 #include "analysis/TraceExport.h"
+#include "daemon/CommandLine.h"
 
 using jx::analysis::TimeMs;
 
 namespace {
 
-int usageError(const std::string& why) {
-    std::fprintf(stderr, "joulixctl: %s; see joulixctl --help\n", why.c_str());
-    return 2;
-}
+using jxctl::usageError;
 
 }  // namespace
 
@@ -34,43 +30,26 @@ int exportCommand(const std::vector<std::string>& args) {
         {"trace", required_argument, nullptr, kTrace},
         {nullptr, 0, nullptr, 0},
     };
-    std::vector<std::string> copies(args);
-    std::vector<char*> argv;
-    std::string name = "joulixctl export";
-    argv.push_back(name.data());
-    for (std::string& a : copies) argv.push_back(a.data());
-    argv.push_back(nullptr);
+    jxctl::CommandLine line("export", args);
 
-    std::optional<TimeMs> since, until;
     std::optional<std::string> trace;
-    const TimeMs now = jx::analysis::nowMs();
-    optind = 0;  // a fresh scan of a new vector
-    opterr = 0;
-    const int argc = static_cast<int>(argv.size()) - 1;
-    for (int c; (c = getopt_long(argc, argv.data(), ":", options, nullptr)) != -1;) {
+    for (int c; (c = line.next(":", options)) != -1;) {
         switch (c) {
             case kSince:
-            case kUntil: {
-                std::string why;
-                std::optional<TimeMs> t =
-                    jx::analysis::parseTimeOption(c == kSince ? "--since" : "--until", optarg, now, &why);
-                if (!t) return usageError(why);
-                (c == kSince ? since : until) = t;
+            case kUntil:
+                if (auto refused = line.readTime(c == kSince)) return *refused;
                 break;
-            }
             case kTrace:
                 if (!*optarg) return usageError("--trace needs a file name (or - for standard output)");
                 trace = optarg;
                 break;
-            case ':':
-                return usageError(std::string("export: option '") + argv[optind - 1] + "' needs a value");
             default:
-                return usageError(std::string("export: unknown option '") + argv[optind - 1] + "'");
+                return line.badOption(c);
         }
     }
-    if (optind < argc) return usageError(std::string("export takes no argument '") + argv[optind] + "'");
+    if (auto refused = line.leftOverOrBackwards()) return *refused;
     if (!trace) return usageError("export needs --trace FILE.json (or --trace - for standard output)");
-    if (since && until && *since > *until) return usageError("export: --since lies after --until");
+    const std::optional<TimeMs> since = line.since, until = line.until;
 
     const jx::analysis::LogLocations where = jx::analysis::LogLocations::underRoot();
     std::vector<jx::analysis::LogSource> sources = jx::analysis::findLogs(where);

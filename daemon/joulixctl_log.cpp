@@ -1,6 +1,4 @@
 // joulixctl log: the power logs read back, in time order, as text, JSON lines or CSV.
-#include <getopt.h>
-
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -11,16 +9,14 @@
 #include "analysis/LogFollower.h"
 #include "analysis/LogReader.h"
 #include "analysis/TimeText.h"
+#include "daemon/CommandLine.h"
 
 using jx::analysis::LogRecord;
 using jx::analysis::TimeMs;
 
 namespace {
 
-int usageError(const std::string& why) {
-    std::fprintf(stderr, "joulixctl: %s; see joulixctl --help\n", why.c_str());
-    return 2;
-}
+using jxctl::usageError;
 
 enum class Format { Text, Json, Csv };
 
@@ -99,32 +95,17 @@ int logCommand(const std::vector<std::string>& args) {
         {"tag", required_argument, nullptr, kTag},     {"follow", no_argument, nullptr, 'f'},
         {"output", required_argument, nullptr, 'o'},   {nullptr, 0, nullptr, 0},
     };
-    std::vector<std::string> copies(args);
-    std::vector<char*> argv;
-    std::string name = "joulixctl log";
-    argv.push_back(name.data());
-    for (std::string& a : copies) argv.push_back(a.data());
-    argv.push_back(nullptr);
+    jxctl::CommandLine line("log", args);
 
-    std::optional<TimeMs> since, until;
     std::set<std::string, std::less<>> tags;
     bool follow = false;
     Format format = Format::Text;
-    const TimeMs now = jx::analysis::nowMs();
-    optind = 0;  // a fresh scan of a new vector
-    opterr = 0;
-    const int argc = static_cast<int>(argv.size()) - 1;
-    for (int c; (c = getopt_long(argc, argv.data(), ":fo:", options, nullptr)) != -1;) {
+    for (int c; (c = line.next(":fo:", options)) != -1;) {
         switch (c) {
             case kSince:
-            case kUntil: {
-                std::string why;
-                std::optional<TimeMs> t =
-                    jx::analysis::parseTimeOption(c == kSince ? "--since" : "--until", optarg, now, &why);
-                if (!t) return usageError(why);
-                (c == kSince ? since : until) = t;
+            case kUntil:
+                if (auto refused = line.readTime(c == kSince)) return *refused;
                 break;
-            }
             case kTag:
                 tags.insert(optarg);
                 break;
@@ -143,14 +124,12 @@ int logCommand(const std::vector<std::string>& args) {
                     return usageError("-o: unknown output '" + f + "' (text, json or csv)");
                 break;
             }
-            case ':':
-                return usageError(std::string("log: option '") + argv[optind - 1] + "' needs a value");
             default:
-                return usageError(std::string("log: unknown option '") + argv[optind - 1] + "'");
+                return line.badOption(c);
         }
     }
-    if (optind < argc) return usageError(std::string("log takes no argument '") + argv[optind] + "'");
-    if (since && until && *since > *until) return usageError("log: --since lies after --until");
+    if (auto refused = line.leftOverOrBackwards()) return *refused;
+    const std::optional<TimeMs> since = line.since, until = line.until;
 
     const jx::analysis::LogLocations where = jx::analysis::LogLocations::underRoot();
     std::vector<jx::analysis::LogSource> sources = jx::analysis::findLogs(where);

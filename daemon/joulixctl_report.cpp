@@ -1,6 +1,4 @@
 // joulixctl report: where the battery went, from the logs, as a summary, JSON or an HTML page.
-#include <getopt.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -10,16 +8,14 @@
 #include "analysis/LogReader.h"
 #include "analysis/Report.h"
 #include "analysis/TimeText.h"
+#include "daemon/CommandLine.h"
 #include "platform/Root.h"
 
 using jx::analysis::TimeMs;
 
 namespace {
 
-int usageError(const std::string& why) {
-    std::fprintf(stderr, "joulixctl: %s; see joulixctl --help\n", why.c_str());
-    return 2;
-}
+using jxctl::usageError;
 
 bool writeAll(std::FILE* f, const std::string& text) {
     return std::fwrite(text.data(), 1, text.size(), f) == text.size() && std::fflush(f) == 0;
@@ -34,31 +30,17 @@ int reportCommand(const std::vector<std::string>& args) {
         {"output", required_argument, nullptr, 'o'},          {"json", no_argument, nullptr, kJson},
         {"wake-loop", required_argument, nullptr, kWakeLoop}, {nullptr, 0, nullptr, 0},
     };
-    std::vector<std::string> copies(args);
-    std::vector<char*> argv;
-    std::string name = "joulixctl report";
-    argv.push_back(name.data());
-    for (std::string& a : copies) argv.push_back(a.data());
-    argv.push_back(nullptr);
+    jxctl::CommandLine line("report", args);
 
     jx::analysis::ReportOptions ro;
     std::optional<std::string> html;
     bool json = false;
-    const TimeMs now = jx::analysis::nowMs();
-    optind = 0;
-    opterr = 0;
-    const int argc = static_cast<int>(argv.size()) - 1;
-    for (int c; (c = getopt_long(argc, argv.data(), ":o:", options, nullptr)) != -1;) {
+    for (int c; (c = line.next(":o:", options)) != -1;) {
         switch (c) {
             case kSince:
-            case kUntil: {
-                std::string why;
-                std::optional<TimeMs> t =
-                    jx::analysis::parseTimeOption(c == kSince ? "--since" : "--until", optarg, now, &why);
-                if (!t) return usageError(why);
-                (c == kSince ? ro.since : ro.until) = t;
+            case kUntil:
+                if (auto refused = line.readTime(c == kSince)) return *refused;
                 break;
-            }
             case 'o':
                 html = optarg;
                 if (html->empty()) return usageError("report: -o needs a file name or -");
@@ -74,14 +56,13 @@ int reportCommand(const std::vector<std::string>& args) {
                 ro.wakeLoopSeconds = s;
                 break;
             }
-            case ':':
-                return usageError(std::string("report: option '") + argv[optind - 1] + "' needs a value");
             default:
-                return usageError(std::string("report: unknown option '") + argv[optind - 1] + "'");
+                return line.badOption(c);
         }
     }
-    if (optind < argc) return usageError(std::string("report takes no argument '") + argv[optind] + "'");
-    if (ro.since && ro.until && *ro.since > *ro.until) return usageError("report: --since lies after --until");
+    if (auto refused = line.leftOverOrBackwards()) return *refused;
+    ro.since = line.since;
+    ro.until = line.until;
     if (json && html && *html == "-") return usageError("report: --json and -o - both want standard output");
 
     const jx::analysis::LogLocations where = jx::analysis::LogLocations::underRoot();
