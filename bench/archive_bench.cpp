@@ -13,8 +13,8 @@
 #include <random>
 #include <thread>
 
+#include "bench/Spawn.h"
 #include "platform/Compression.h"
-#include "tests/support/PrivateBus.h"
 
 namespace {
 
@@ -33,8 +33,9 @@ struct LargeLog {
         std::size_t written = 0;
         for (long i = 0; written < 50u * 1024 * 1024; ++i) {
             char line[200];
-            int n = std::snprintf(line, sizeof line, "11/21/2026 %02ld:%02ld:%02ld.%03ld %s%u; seq=%ld;\n", (i / 360000) % 24,
-                                  (i / 6000) % 60, (i / 100) % 60, (i * 7) % 1000, tags[random() % 5], static_cast<unsigned>(random() % 100000), i);
+            int n = std::snprintf(line, sizeof line, "11/21/2026 %02ld:%02ld:%02ld.%03ld %s%u; seq=%ld;\n",
+                                  (i / 360000) % 24, (i / 6000) % 60, (i / 100) % 60, (i * 7) % 1000,
+                                  tags[random() % 5], static_cast<unsigned>(random() % 100000), i);
             out.write(line, n);
             written += static_cast<std::size_t>(n);
         }
@@ -75,7 +76,7 @@ void BM_DeletedLogRecreated(benchmark::State& state) {
     const std::string root = mkdtemp(pattern);
     const std::string log = root + "/var/mobile/Library/Logs/CurrentJoulix.joulix";
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/joulix-bench", 1);
-    pid_t daemon = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulix", "--root", root});
+    pid_t daemon = jxbench::spawnQuiet({JOULIX_BIN_DIR "/joulix", "--root", root});
     while (access(log.c_str(), F_OK) != 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // set-up, watch armed
     for (auto _ : state) {

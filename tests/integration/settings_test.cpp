@@ -57,7 +57,6 @@ TEST_F(SettingsTest, ToolWritesReadsAndDeletesTypedSettings) {
         const char* printed;
     } cases[] = {
         {{"JXRotateJoulix", "1 minute"}, jx::Value("1 minute"), "1 minute"},
-        {{"JXRotateJoulix", "-string", "-3 hour"}, jx::Value("-3 hour"), "-3 hour"},
         {{"JXLoggingMode", "-int", "65543"}, jx::Value(65543), "65543"},
         {{"JXJoulixArchiveDays", "-float", "2.5"}, jx::Value(2.5), "2.5"},
         {{"JXLinkFaultkeeper", "-bool", "NO"}, jx::Value(false), "0"},
@@ -169,22 +168,17 @@ TEST_F(SettingsTest, WritesTheDaemonReadsOtherwiseAreWarnedAbout) {
         {{"JXRotateJoulix", "-string", "12 hour"}, nullptr},
         {{"JXRotateJoulix", "-string", "5 fortnight"}, "the unit 'fortnight' is none of minute, hour, day"},
         {{"JXRotateJoulix", "-string", "-3 hour"}, "a negative period gives no future rollover"},
-        {{"JXRotateJoulix", "-string", "-1"}, "-1 is not supported"},
         {{"JXRotateJoulix", "-string", "daily"}, "'daily' reads as 0, which turns rotation off"},
-        {{"JXRotateJoulix", "-string", "0"}, "0 turns rotation off"},
         {{"JXRotateJoulix", "-string", "4294967296 minute"}, "the period is longer than a day"},
         {{"JXRotateJoulix", "-array", "1", "day"}, "a rotation is a number of days"},
         {{"JXLoggingMode", "full"}, "'full' is no number: the daemon reads it as 0 (use -int)"},
         {{"JXLoggingMode", "-int", "70000"}, "the mode is a 16-bit number: the daemon reads 4464"},
-        {{"JXLoggingMode", "-int", "1"}, nullptr},
         {{"JXLinkFaultkeeper", "on"}, "'on' is no boolean: the daemon reads it as NO"},
-        {{"JXLinkFaultkeeper", "YES"}, nullptr},
         // An archive age that reads as no time deletes every archive at the next roll.
         {{"JXJoulixArchiveDays", "two weeks"}, "it reads as 0 seconds"},
         {{"JXRotateJoulx", "1 day"}, "'JXRotateJoulx' is neither a setting nor a logger the daemon knows"},
         {{"JXProcessMonitorLogger", "-dict", "SamplePeriod", "1e-9"},
          "SamplePeriod: it is below one second: sampling once a second"},
-        {{"JXProcessMonitorLogger", "-dict", "SamplePeriod", "0"}, nullptr},
     };
     for (auto& c : cases) {
         SCOPED_TRACE(c.args[0] + " " + c.args.back());
