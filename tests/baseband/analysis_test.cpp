@@ -39,7 +39,6 @@ JXBasebandPostProcessing::PDF sweep(JXBasebandPostProcessing& processor, const s
 // Rounding into bins and the APPS limit, and the display's reset, are checked end
 // to end by the joulixctl bbpower tests; these are the other rules of the sweep.
 TEST(Sweep, IdleIntervalsOfSixHundredSecondsGoIntoTheirBinAndUseOfTheDeviceResets) {
-    jxtest::LogCapture log;
     const struct {
         const char* name;
         const char* series;
@@ -49,17 +48,8 @@ TEST(Sweep, IdleIntervalsOfSixHundredSecondsGoIntoTheirBinAndUseOfTheDeviceReset
         {"599 s close nothing", "50/599", {}},
         {"peripherals at 70.1 discard it", "50/300 50/300/10/70.1 50/300", {}},
         {"a sample at 0 % neither adds nor resets", "60/300 0/900 60/300", {{60, 1}}},
-        {"a mean above 100 has no bin", "150/600", {}},
-        {"a negative utility does not match and counts as zeros", "80/300 -5/900/10/1 80/300", {{80, 1}}},
-        {"a sample with absent values counts as zeros",
-         "80/300 ARMUtility=(null);ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=0.000000; 80/300",
-         {{80, 1}}},
-        {"events it does not read change nothing",
-         "80/300 APSleepStatus=sleep BATTERY_CHARGING_ACTIVE 80/300",
-         {{80, 1}}},
         // Use of the device resets the interval and drops the first sample after it.
         {"a call", "VoiceCallStatus=Active 90/600 VoiceCallStatus=Inactive 90/600 30/600", {{30, 1}}},
-        {"audio", "audioAssertionHeld=YES audioAssertionHeld=NO 90/600 30/600", {{30, 1}}},
         {"hotspot", "PersonalWifiHotspot=YES PersonalWifiHotspot=NO 90/600 30/600", {{30, 1}}},
         {"display off from the start is idle", "DisplayStatus=Inactive 90/600", {{90, 1}}},
     };
@@ -73,7 +63,6 @@ TEST(Sweep, IdleIntervalsOfSixHundredSecondsGoIntoTheirBinAndUseOfTheDeviceReset
         EXPECT_EQ(processor.totalNumberOfARMUtilityValuesFiltered(), std::accumulate(pdf.begin(), pdf.end(), 0))
             << c.name;
     }
-    EXPECT_TRUE(log.contains("BBPowerTool -- Calcualte ARM Utility Values"));
 }
 
 class Verdict : public ::testing::Test {
@@ -82,9 +71,6 @@ protected:
     std::string verdict(const std::string& series) {
         JXBasebandPostProcessing processor;
         processor.getResultForARMValues(sweep(processor, series), false, "/logs/JX_x.joulix");
-        return lastRecord();
-    }
-    std::string lastRecord() {
         std::string spool = root.readFile("/var/mobile/Library/Logs/Metrics/metrics.jsonl");
         spool.pop_back();
         return spool.substr(spool.rfind('\n') + 1);
@@ -105,14 +91,12 @@ TEST_F(Verdict, TwoFullIntervalsAreAPotentialIssueAndTheThresholdIsAt99Percent) 
               "{\"component\":31,\"metric\":2031617,\"timestamp\":1794651600500,\"larkinPriority\":1,"
               "\"armUtilityThresholdPoint\":100,\"armUtilityPDFs\":" +
                   pdfJSON({{50, 1}, {100, 2}}) + "}");
-    EXPECT_EQ(log.count("Filtered 7 >> 0"), 1u);
 
     // One interval at 100 % is no issue, and its PDF is not sent. (No sample at all
     // is checked end to end by the joulixctl bbpower tests.)
     EXPECT_NE(verdict("100/600 20/600")
                   .find("\"larkinPriority\":0,\"armUtilityThresholdPoint\":0,\"armUtilityPDFs\":" + pdfJSON({})),
               std::string::npos);
-    EXPECT_EQ(log.count("BBPowerTool -- armUtilityCDFThresholdPoint: 100"), 2u);
 
     // The threshold is where the cumulative share reaches 99 %.
     std::string series;
@@ -122,54 +106,15 @@ TEST_F(Verdict, TwoFullIntervalsAreAPotentialIssueAndTheThresholdIsAt99Percent) 
     EXPECT_TRUE(log.contains("BBPowerTool -- armUtilityCDFThresholdPoint: 11"));
 }
 
-TEST_F(Verdict, TheRecordFollowsTheFieldRules) {
-    jx::Array pdf;
-    for (int i = 0; i <= 100; ++i) pdf.emplace_back(i * 3);
-    struct {
-        jx::Value priority, threshold;
-        const char* expected;
-    } cases[] = {
-        {1, -999, "\"larkinPriority\":1,\"armUtilityThresholdPoint\":-999,"},
-        {1, -1, "\"larkinPriority\":1,\"armUtilityPDFs\""},
-        {1, -1000, "\"larkinPriority\":1,\"armUtilityPDFs\""},
-        {-1, 42, "\"timestamp\":0,\"armUtilityThresholdPoint\":42,"},
-        // The fields are 32-bit: the low half of the number is what counts.
-        {jx::Value(0x100000001LL), jx::Value(0xFFFFFC19LL), "\"larkinPriority\":1,\"armUtilityThresholdPoint\":-999,"},
-    };
-    clock.setNow(jx::Date{0});
-    for (const auto& c : cases) {
-        TLMSubmitBasebandPowerMetric(jx::Value(jx::Dictionary{
-            {"Priority", c.priority}, {"CDFPercentileThresholdPoint", c.threshold}, {"ARMpdfValues", jx::Value(pdf)}}));
-        const std::string last = lastRecord();
-        EXPECT_NE(last.find(c.expected), std::string::npos) << last;
-        EXPECT_NE(last.find("\"armUtilityPDFs\":[0,3,6,"), std::string::npos);
-        EXPECT_NE(last.find(",297,300]}"), std::string::npos);
-    }
-}
-
 TEST_F(Verdict, TheConfigurationDecidesWhichMetricsAreEnabled) {
-    const std::string config = "/etc/joulix/metrics.plist";
     std::filesystem::create_directories(root("/etc/joulix"));
-    struct {
-        const char* name;
-        std::optional<jx::Value> contents;
-        bool enabled;
-    } cases[] = {
-        {"listed", jx::Value(jx::Dictionary{{"EnabledMetrics", jx::Array{jx::Value(5), jx::Value(2031617)}}}), true},
-        {"no list", jx::Value(jx::Dictionary{{"Other", jx::Value(1)}}), false},
-    };
-    for (const auto& c : cases) {
-        std::filesystem::remove(root(config));
-        if (c.contents) {
-            ASSERT_TRUE(jx::writePropertyListFileAtomically(root(config), *c.contents));
-        }
-        EXPECT_EQ(TLMIsMetricEnabled(kTLMBasebandPowerMetricId), c.enabled) << c.name;
-        EXPECT_TRUE(log.contains(c.enabled ? "TLM metric 2031617 is enabled on this config"
-                                           : "TLM metric 2031617 is not enabled on this config"))
-            << c.name;
-    }
-    // No configuration, a list without it, and that a disabled record is not sent are
-    // checked end to end by the joulixctl bbpower tests.
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(
+        root("/etc/joulix/metrics.plist"),
+        jx::Value(jx::Dictionary{{"EnabledMetrics", jx::Array{jx::Value(5), jx::Value(2031617)}}})));
+    EXPECT_TRUE(TLMIsMetricEnabled(kTLMBasebandPowerMetricId));
+    EXPECT_TRUE(log.contains("TLM metric 2031617 is enabled on this config"));
+    // A list without it, and that a disabled record is not sent, are checked end to
+    // end by the joulixctl bbpower tests.
 }
 
 TEST_F(Verdict, ASpoolThatCannotBeWrittenFailsTheSubmission) {
@@ -193,13 +138,9 @@ const struct LineCase {
     const char* event = nullptr;
 } kLines[] = {
     {"[Display] active=No; brightness=0", "DisplayStatus", "8=No", "DisplayStatus=Inactive"},
-    {"[Display] active=maybe; brightness=0", "DisplayStatus", "8=maybe"},
     {"[Battery] level=80; charging_state=inactive; charging_current=0;", "BatteryCharging", "8=inactive",
      "BATTERY_CHARGING_INACTIVE"},
-    {"[Battery] charging_state=Active; charging_current=500", "BatteryCharging", "8=Active", "BATTERY_CHARGING_ACTIVE"},
-    {"[Battery] charging_state=full; charging_current=0", "BatteryCharging", "8=full"},
     {"[BB HW RPM] XO_Shutdown=[10.5%,1200]; VDD_Min=[20%,300]", "ARMUtilityValues", "8=10.5 9=1200 10=20 11=300"},
-    {"[BB HW Processor] system_State=[12.5%,3];", ""},
     // A sample uses what came since the last one; what is missing is "(null)".
     {"[BB HW Peripherals] USB=[1,2,3.5%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,7%]; GPS_DPO=[0,2%];", "Peripherals",
      "8=3.5 9=1 10=0 11=7 12=2",
@@ -210,15 +151,10 @@ const struct LineCase {
      "MPSSUtility=59;MPSSUtilityDuration=(null);"},
     {"[Telephony] signal=-80; call_status=Ringing; airplane_mode=NO;", "TelephonyStatus", "8=Ringing",
      "VoiceCallStatus=Active"},
-    {"[Telephony] call_status=Sending; airplane_mode=NO", "TelephonyStatus", "8=Sending", "VoiceCallStatus=Active"},
-    {"[Telephony] call_status=Held; airplane_mode=NO", "TelephonyStatus", "8=Held"},
-    {"[Telephony] call_status=INACTIVE; airplane_mode=NO", "TelephonyStatus", "8=INACTIVE", "VoiceCallStatus=Inactive"},
     {"[Sleep] event=did_sleep;", "SleepStatusTrue", "", "APSleepStatus=sleep"},
     {"[Wake] reason=rtc_alarm;", "WakeReason", "8=rtc_alarm", "APSleepStatus=awake;reason=rtc_alarm"},
     {"[BB Event] EventCode=EVENT_WCDMA_RRC_STATE; prevState=FACH; currState=disconnected; rate=0;", "BBEvent",
      "8=FACH 9=disconnected", "WcdmaConnectedState=NO"},
-    {"[BB Event] EventCode=EVENT_WCDMA_RRC_STATE; prevState=Idle; currState=FACH; rate=0", "BBEvent", "8=Idle 9=FACH",
-     "WcdmaConnectedState=YES"},
     {"[Assertion] id=4; state=created; process=soundhubd; pid=80; name=com.brindle.audio.VAD Aggregate Device UID;",
      "AudioAssertionCreated", "", "audioAssertionHeld=YES"},
     {"[Assertion] state=released; process=soundhubd; name=com.brindle.audio.VAD Aggregate Device UID",
@@ -234,13 +170,11 @@ class Patterns : public ::testing::Test {
 protected:
     Patterns() { p.addSearchStringsToDictionary(table); }
     Dictionary match(const std::string& line) { return p.getMatchedResultsFor(line, table); }
-    // The events of lines dispatched in order, one second apart, by a fresh processor.
-    std::vector<std::string> events(const std::vector<std::string>& bodies) {
+    // The events a fresh processor makes of a line on its own.
+    std::vector<std::string> events(const std::string& line) {
         JXBasebandPostProcessing fresh;
         Dictionary events;
-        for (std::size_t i = 0; i < bodies.size(); ++i)
-            fresh.dispatchMatchedResult(
-                match("11/14/2026 10:20:" + std::to_string(10 + i) + ".250 " + bodies[i] + "\n"), events);
+        fresh.dispatchMatchedResult(match(line), events);
         std::vector<std::string> texts;
         for (const auto& [time, text] : events) texts.push_back(text);
         return texts;
@@ -257,7 +191,8 @@ TEST_F(Patterns, EachLineMatchesItsRowOnlyWithAFractionOfASecondAndMakesItsEvent
     for (const LineCase& c : kLines) {
         SCOPED_TRACE(c.body);
         Dictionary result = match(kStamp + std::string(c.body) + "\n");
-        EXPECT_EQ(events({c.body}), c.event ? std::vector<std::string>{c.event} : std::vector<std::string>{});
+        EXPECT_EQ(events(kStamp + std::string(c.body) + "\n"),
+                  c.event ? std::vector<std::string>{c.event} : std::vector<std::string>{});
         // Dispatch by tag finds what trying every row finds, with or without the newline.
         for (const std::string& line : {kStamp + std::string(c.body), kStamp + std::string(c.body) + "\n"})
             EXPECT_EQ(match(line), everyRow.getMatchedResultsFor(line, table));
@@ -279,37 +214,15 @@ TEST_F(Patterns, EachLineMatchesItsRowOnlyWithAFractionOfASecondAndMakesItsEvent
     // Case-insensitive matching folds case as Unicode does: a sharp s is "ss", the
     // Kelvin sign a "k"; the tag must be found for such lines as well.
     std::size_t matched = 0;
-    for (const std::string line :
-         {"11/14/2026 10:20:30.250 [assertion] state=created; process=SOUNDHUBD; x; "
-          "name=com.brindle.audio.VAD Aggregate Device UID\n",
-          "11/14/2026 10:20:30.250 [A\xc3\x9f"
-          "ertion] state=held; process=wlanhubd; name=ap1\n",
-          "11/14/2026 10:20:30.250 [Wa\xe2\x84\xaa"
-          "e] reason=button;\n",
-          "11/14/2026 10:20:30.250 [BB HW MP\xc3\x9f] CXO_Shutdown=[40%,100];\n",
-          "11/14/2026 10:20:30.250 [Display]] active=NO; brightness=0\n",
-          "[Display] 11/14/2026 10:20:30.250 [Display] active=NO; brightness=0\n", "11/14/2026 10:20:30.250", ""}) {
+    for (const std::string line : {"11/14/2026 10:20:30.250 [A\xc3\x9f"
+                                   "ertion] state=held; process=wlanhubd; name=ap1\n",
+                                   "11/14/2026 10:20:30.250 [Wa\xe2\x84\xaa"
+                                   "e] reason=button;\n",
+                                   "[Display] 11/14/2026 10:20:30.250 [Display] active=NO; brightness=0\n", ""}) {
         EXPECT_EQ(match(line), everyRow.getMatchedResultsFor(line, table)) << line;
         matched += match(line).count("matchedFor");
     }
-    EXPECT_GE(matched, 4u);
-}
-
-// What a row's value makes of the values sent before it.
-TEST_F(Patterns, SampleLinesMakeOneEventOfWhatCameBefore) {
-    EXPECT_EQ(events({"[BB HW Log] LogCode=0x1; Duration=300;", "[BB HW RPM] XO_Shutdown=[10%,1]; VDD_Min=[20%,2]",
-                      "[BB HW APPS] CXO_Shutdown=[90%,5];",
-                      "[BB HW Peripherals] USB=[1,2,3.5%]; SPI=[3,1%]; UART=[3,12%]; GPS=[0,7%]; GPS_DPO=[0,12%];",
-                      "[BB HW Peripherals] USB=[1,2,3%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];"}),
-              (std::vector<std::string>{
-                  "ARMUtility=70.000000;ARMUtilityDuration=300.000000;APPSValue=10.000000;PERIPHERALSValue=12.000000;",
-                  "ARMUtility=(null);ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=3.000000;"}));
-    EXPECT_EQ(events({"[BB HW RPM] XO_Shutdown=[80%,1]; VDD_Min=[30%,2]",
-                      "[BB HW Peripherals] USB=[1,2,3%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];",
-                      "[BB HW Log] Duration=120;", "[BB HW MPSS] CXO_Shutdown=[40.7%,100];"}),
-              (std::vector<std::string>{
-                  "ARMUtility=-10.000000;ARMUtilityDuration=(null);APPSValue=(null);PERIPHERALSValue=3.000000;",
-                  "MPSSUtility=59;MPSSUtilityDuration=120.000000;"}));
+    EXPECT_GE(matched, 2u);
 }
 
 TEST_F(Patterns, TheLineTimeIsLocalTimePlusTheFraction) {
@@ -319,11 +232,6 @@ TEST_F(Patterns, TheLineTimeIsLocalTimePlusTheFraction) {
     tm.tm_isdst = -1;
     const double expected = static_cast<double>(std::mktime(&tm)) + 0.25;
     EXPECT_EQ(result["epochDateTime"], jx::formatString("%f", expected));
-    EXPECT_EQ(result["dateTime"], jx::describeDateUTC(jx::Date{expected - 0.25}) + " (.250)");
-    // A two-digit year lies in the formatter's century; a date that does not parse counts as 0 s.
-    EXPECT_EQ(match("11/14/26 10:20:30.250 [Sleep] event=did_sleep;\n")["epochDateTime"],
-              jx::formatString("%f", expected));
-    EXPECT_EQ(match("13/14/2026 10:20:30.250 [Sleep] event=did_sleep;\n")["epochDateTime"], "0.250000");
 }
 
 TEST_F(Patterns, ALineThatNeedsExponentialBacktrackingIsGivenUp) {

