@@ -25,17 +25,6 @@ std::optional<Header> parseHeader(const std::string& text) {
     return Header{m[1], m[2], m[3]};
 }
 
-// A local time a whole number of days from now, three seconds before a minute ends.
-std::string fakeStart(int days) {
-    std::time_t t = std::time(nullptr) + days * 86400;
-    std::tm local{};
-    localtime_r(&t, &local);
-    local.tm_sec = 57;
-    char text[64];
-    std::strftime(text, sizeof text, "@%Y-%m-%d %H:%M:%S x10", &local);
-    return text;
-}
-
 class DaemonTest : public BinariesTest {
 protected:
     void SetUp() override {
@@ -200,22 +189,6 @@ TEST_F(DaemonTest, DaemonRollsAtEachMinuteByItselfAndArchivesEachClosedLog) {
             0)
             << gz;
     }
-}
-
-TEST_F(DaemonTest, ArchivesOlderThanFourteenDaysGoAtARoll) {
-    if (!haveFakeTime()) GTEST_SKIP() << "libfaketime missing";
-    write({{"JXRotateJoulix", "1 minute"}});
-    const std::string old = root(kArchive + "/JX_old.joulix.gz");
-    root.writeFile(kArchive + "/JX_old.joulix.gz", "made now");
-    // The daemon's clock runs thirteen days ahead: the archive made now is thirteen days old.
-    auto d = joulix({}, fakeStart(13));
-    ASSERT_TRUE(waitFor([&] { return names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty(); }, 60))
-        << d->err();
-    d.reset();
-    EXPECT_TRUE(fs::exists(old));
-    // Fifteen days ahead, the next roll's retention pass removes it.
-    d = joulix({}, fakeStart(15));
-    EXPECT_TRUE(waitFor([&] { return !fs::exists(old); }, 60)) << d->err();
 }
 
 TEST_F(DaemonTest, ADeletedLinkIsRestoredOnlyWhileLinkingIsAllowedAndADeletedLogEveryTime) {
