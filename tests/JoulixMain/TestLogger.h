@@ -24,7 +24,7 @@
 class CountingLogger : public JXLogger {
 public:
     explicit CountingLogger(std::string name) : JXLogger(std::move(name)) {}
-    ~CountingLogger() override { hold(false); }
+    ~CountingLogger() override { release(); }
     int samples() const { return samples_.load(); }
     // A held logger's samples wait until it is released.
     void hold(bool held = true) {

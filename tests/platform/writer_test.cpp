@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -9,6 +12,7 @@
 #include <vector>
 
 #include "platform/JXLogWriter.h"
+#include "platform/TextEncoding.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -87,17 +91,6 @@ TEST_F(WriterTest, PastThePendingLimitTheOldestOrdinaryEntriesGo) {
     EXPECT_EQ(file.bodies(), (Lines{"[Header] n=0;", "[LogWriter] droppedEntries=4;", "[E] n=5;", "[E] n=6;"}));
     EXPECT_TRUE(
         log.contains("log writer: 4 entries were dropped while no log file was open or the log could not be written"));
-
-    // Another spell without a file reports only what it lost itself; first entries are never lost.
-    writer.setLogFileEnabled(false);
-    for (int i = 7; i <= 10; ++i) writer.logEntry(entry("E", i));
-    for (int i = 1; i <= 3; ++i) writer.logAsFirstEntry(entry("Header", i));
-    EXPECT_EQ(writer.droppedCount(), 8u);
-    writer.setLogFileEnabled(true);
-    writer.blockOnWriteEntries();
-    Lines all = file.bodies();
-    EXPECT_EQ(Lines(all.begin() + 4, all.end()),
-              (Lines{"[Header] n=3;", "[Header] n=2;", "[Header] n=1;", "[LogWriter] droppedEntries=4;"}));
 }
 
 TEST_F(WriterTest, SwitchingOffOrOverWritesOutWhatWasQueuedFirst) {
@@ -202,10 +195,7 @@ TEST_F(WriterTest, LineLayoutAndEscapes) {
     e.setObject(JXValue::valueWithDouble(4.25, "V"), "voltage");
     writer.logEntry(e);
     writer.logEntry("Title", " free text, as given");
-    writer.logDebug(e);
-    writer.logDebug("Debug", " x=1;");
-    Lines expected{"[Battery] level=80; voltage=4.25V;", "[Title] free text, as given",
-                   "[Battery] level=80; voltage=4.25V;", "[Debug] x=1;"};
+    Lines expected{"[Battery] level=80; voltage=4.25V;", "[Title] free text, as given"};
     for (auto [value, written] : {std::pair<std::string, std::string>{"a\tb", "a\\tb"},
                                   {"new\nline\r", "new\\nline\\r"},
                                   {"\x1b[2J\x1b]0;owned\x07", "\\x1b[2J\\x1b]0;owned\\x07"},
@@ -243,6 +233,53 @@ TEST_F(WriterTest, AFailedWriteKeepsTheEntriesAndSaysSoOnce) {
     std::fclose(full);
     EXPECT_EQ(file.bodies(), (Lines{"[E] n=0;", "[E] n=1;", "[E] n=2;", "[E] n=3;", "[E] n=4;", "[E] n=5;"}));
     EXPECT_EQ(writer.droppedCount(), 0u);
+}
+
+// Writes cut short by the file-size limit, as by a disk that fills up: the lines wholly
+// written stay, the one cut is ended before the next entry and counted as lost, and
+// the rest wait for room.
+TEST_F(WriterTest, AShortWriteKeepsWholeLinesAndEndsTheCutOne) {
+    struct Limit {
+        rlimit saved{};
+        Limit() {
+            ::getrlimit(RLIMIT_FSIZE, &saved);
+            std::signal(SIGXFSZ, SIG_IGN);  // a short write, then EFBIG
+        }
+        ~Limit() { ::setrlimit(RLIMIT_FSIZE, &saved); }
+        void set(rlim_t bytes) const {
+            rlimit r = saved;
+            r.rlim_cur = bytes;
+            ::setrlimit(RLIMIT_FSIZE, &r);
+        }
+    } limit;
+    open();
+    writer.logEntry(entry("E", 1));
+    writer.blockOnWriteEntries();
+    const rlim_t line = std::filesystem::file_size(root("/log.txt"));
+    writer.setLogFileEnabled(false);
+    writer.logEntry(entry("E", 2));
+    writer.logEntry(entry("E", 3));
+    limit.set(2 * line);  // room for the second line to its last byte
+    writer.setLogFileEnabled(true);
+    writer.blockOnWriteEntries();
+    limit.set(2 * line + 24);  // the third cut after its time
+    writer.logEntry(entry("E", 4));
+    writer.blockOnWriteEntries();
+    limit.set(limit.saved.rlim_cur);
+    writer.logEntry(entry("E", 5));
+    writer.blockOnWriteEntries();
+    std::ifstream in(root("/log.txt"));
+    Lines bodies;  // each line after its time
+    for (std::string text; std::getline(in, text);)
+        bodies.push_back(text.substr(std::min<std::size_t>(text.size(), 24)));
+    EXPECT_EQ(bodies, (Lines{"[E] n=1;", "[E] n=2;", "", "[LogWriter] droppedEntries=1;", "[E] n=4;", "[E] n=5;"}));
+}
+
+// The composer's JSON: control characters as \u escapes, bytes that are no UTF-8 as U+FFFD.
+TEST(TextEncoding, JSONStringsEscapeWhatJSONForbids) {
+    std::string out;
+    jx::appendJSONString(out, "q\"b\\\n\t\x01\x1b\x1f\x7f caf\xc3\xa9 \xff");
+    EXPECT_EQ(out, "\"q\\\"b\\\\\\n\\t\\u0001\\u001b\\u001f\\u007f caf\xc3\xa9 \\ufffd\"");
 }
 
 }  // namespace
