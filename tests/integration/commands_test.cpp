@@ -160,6 +160,7 @@ TEST_F(CommandsTest, BadUsageIsRefusedWithOneLine) {
         {{"defaults", "write", "JXLoggingMode", "-int", "99999999999999999999"}, 1, ""},
         {{"defaults", "write", "JXJoulixArchiveDays", "-float", "nan"}, 1, ""},
         {{"defaults", "write", "JXLinkFaultkeeper", "-bool", "maybe"}, 1, ""},
+        {{"defaults", "write", "JXLoggingMode", "-dict-add", "a", "b"}, 1, "not a dictionary: nothing was added"},
         {{"defaults", "write", "JXLinkFaultkeeper", "-date", "x"}, 2, "joulixctl: unknown value type '-date'\n"},
         {{"defaults", "write", "JXLinkFaultkeeper"}},
         {{"defaults", "write", "JXRotateJoulix", "1", "minute"}},
@@ -254,19 +255,11 @@ TEST_F(CommandsTest, ReportPageOpensInABrowserWithEveryChartDrawn) {
     auto run = [&](std::vector<std::string> extra, const std::string& name) {
         const std::string profile = root.path() + "/profile-" + name;
         fs::create_directories(profile);
-        std::vector<std::string> argv{browser,
-                                      "--headless",
-                                      "--no-sandbox",
-                                      "--disable-gpu",
-                                      "--disable-quic",
-                                      "--no-first-run",
-                                      "--disable-background-networking",
-                                      "--disable-component-update",
-                                      "--disable-sync",
-                                      "--hide-scrollbars",
-                                      "--user-data-dir=" + profile,
-                                      "--enable-logging=stderr",
-                                      "--v=0"};
+        std::vector<std::string> argv{browser};
+        argv.insert(argv.end(),
+                    {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                     "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                     "--hide-scrollbars", "--user-data-dir=" + profile, "--enable-logging=stderr", "--v=0"});
         argv.insert(argv.end(), extra.begin(), extra.end());
         argv.push_back("file://" + page);
         auto p = std::make_unique<Process>(argv, out(name), std::map<std::string, std::string>{{"HOME", root.path()}});
