@@ -133,10 +133,7 @@ protected:
         controller = JoulixMain::create();
         controller->setLogToFile(true);
     }
-    void TearDown() override {
-        icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC"));
-        JXUtilities::setProcessNameForTesting(std::nullopt);
-    }
+    void TearDown() override { icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC")); }
     jxtest::TestRoot root;
     jxtest::LogCapture log;
     jxtest::FakeClock clock;

@@ -11,7 +11,6 @@
 #include "platform/JXLogWriter.h"
 #include "platform/JXUtilities.h"
 #include "platform/PropertyList.h"
-#include "platform/SystemLog.h"
 #include "tests/JoulixMain/TestLogger.h"
 #include "tests/support/TestSupport.h"
 
@@ -77,20 +76,6 @@ TEST_F(ArchivingTest, RetentionGoesByCreationAgeAndTheSetting) {
         EXPECT_FALSE(exists(kArchive + "/fresh.joulix.archive")) << "an .archive link always goes";
         EXPECT_TRUE(exists(kArchive + "/deep")) << "directories stay";
     }
-    // The full-mode days older than that are pruned and written back.
-    auto day = [&](double daysAgo) {
-        std::lock_guard lock(controller->logTimestampFormatter().monitor());
-        return controller->logTimestampFormatter()
-            .stringFromDate(jx::Date{clock.now().secondsSince1970 - daysAgo * 86400})
-            .substr(0, 10);
-    };
-    const std::string old = day(20), recent = day(1);
-    JXDefaultsSetValueForKey(
-        JXFullModeBlackList,
-        jx::Value(jx::Array{jx::Value(old), jx::Value(recent), jx::Value("garbage"), jx::Value(old), jx::Value(7)}));
-    controller->DeleteOldFiles();
-    EXPECT_EQ(JXDefaultsValueForKey(JXFullModeBlackList),
-              jx::Value(jx::Array{jx::Value(recent), jx::Value("garbage"), jx::Value(7)}));
 }
 
 TEST_F(ArchivingTest, CrashReportPropertyListOnlyInDefaultModeWithLinking) {
@@ -148,20 +133,6 @@ TEST_F(LogFileCheckTest, AMissingLinkIsMadeAgainAndRecorded) {
     EXPECT_EQ(fs::hard_link_count(root(kLog)), 2u);
     EXPECT_TRUE(fs::equivalent(link, root(kLog)));
     EXPECT_NE(root.readFile(kLog).find("[Log] state=MultiLinkReset;"), std::string::npos);
-}
-
-TEST_F(LogFileCheckTest, AStrangerAtTheLinksNameEndsTheProcess) {
-    // The dying run starts afresh: the queues' threads do not survive a plain fork.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            jx::setLogToStderr(true);
-            const std::string link = startLogging();
-            fs::remove(link);
-            root.writeFile(link.substr(root.path().size()), "someone else's file");
-            check();
-        },
-        ::testing::ExitedWithCode(1), "Linking log");
 }
 
 }  // namespace

