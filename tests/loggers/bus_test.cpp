@@ -1,5 +1,6 @@
-// The sleep and wake logger on a private system bus: a login manager says when, and
-// the kernel's suspend statistics count while the bus is gone.
+// Loggers that follow services on a private system bus: sleep and wake from a login
+// manager (and the kernel's suspend statistics while the bus is gone), and modems from
+// a modem manager.
 #include <fcntl.h>
 #include <poll.h>
 #include <systemd/sd-bus.h>
@@ -166,11 +167,87 @@ TEST_F(SleepWakeTest, FollowsTheLoginManagerLetsTheDeviceSleepOnceTheSleepIsLogg
     EXPECT_EQ(log.countContaining("the system bus went away"), 1u);
     logger->loggerSerialQueue().sync([] {});
     EXPECT_EQ(logger->samplePeriod(), 60) << "the kernel's count, on the timer";
-    source(0, "rtc0", 4, 2000);
     files("/sys/power/suspend_stats", "success=8");
-    tick(*logger);
-    EXPECT_EQ(fresh("Sleep"), (Lines{"[Sleep] event=did_sleep;", "[Sleep] event=did_sleep;"}));
-    EXPECT_EQ(fresh("Wake"), (Lines{"[Wake] reason=PNP0C0D:00;", "[Wake] reason=rtc0;"}));
+    EXPECT_EQ(tick(*logger).at(0), "[Sleep] event=did_sleep;");
 
     logger.reset();  // stops the bus thread with the logger
+}
+
+// A modem as the modem manager exports it; the manager's objects never change once served.
+struct Modem {
+    const char* model;
+    int32_t state;
+    uint32_t signal, access, power;
+};
+
+class FakeModemManager {
+public:
+    FakeModemManager(std::vector<Modem> modems, std::vector<int32_t> calls)
+        : modems_(std::move(modems)), calls_(std::move(calls)) {
+        sd_bus* bus = server_.bus();
+        ready_ = bus && sd_bus_add_object_manager(bus, nullptr, "/org/freedesktop/ModemManager1") >= 0;
+        for (std::size_t i = 0; i < modems_.size(); ++i)
+            ready_ =
+                ready_ && sd_bus_add_object_vtable(bus, nullptr, path("Modem", i).c_str(),
+                                                   "org.freedesktop.ModemManager1.Modem", kModem, &modems_[i]) >= 0;
+        for (std::size_t i = 0; i < calls_.size(); ++i)
+            ready_ = ready_ && sd_bus_add_object_vtable(bus, nullptr, path("Call", i).c_str(),
+                                                        "org.freedesktop.ModemManager1.Call", kCall, &calls_[i]) >= 0;
+        ready_ = ready_ && server_.serve("org.freedesktop.ModemManager1");
+    }
+    bool ready() const { return ready_; }
+
+private:
+    static std::string path(const char* kind, std::size_t i) {
+        return jx::formatString("/org/freedesktop/ModemManager1/%s/%zu", kind, i);
+    }
+    static int signal(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* modem,
+                      sd_bus_error*) {
+        return sd_bus_message_append(reply, "(ub)", static_cast<Modem*>(modem)->signal, 1);
+    }
+    static constexpr sd_bus_vtable kModem[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_PROPERTY("Model", "s", nullptr, offsetof(Modem, model), 0),
+        SD_BUS_PROPERTY("State", "i", nullptr, offsetof(Modem, state), 0),
+        SD_BUS_PROPERTY("SignalQuality", "(ub)", signal, 0, 0),
+        SD_BUS_PROPERTY("AccessTechnologies", "u", nullptr, offsetof(Modem, access), 0),
+        SD_BUS_PROPERTY("PowerState", "u", nullptr, offsetof(Modem, power), 0),
+        SD_BUS_VTABLE_END,
+    };
+    static constexpr sd_bus_vtable kCall[] = {SD_BUS_VTABLE_START(0), SD_BUS_PROPERTY("State", "i", nullptr, 0, 0),
+                                              SD_BUS_VTABLE_END};
+
+    bool ready_ = false;
+    std::vector<Modem> modems_;
+    std::vector<int32_t> calls_;
+    BusServer server_;  // last: stops before what its handlers read goes
+};
+
+using TelephonyLoggerTest = LoggerTree;
+
+// Each modem with the liveliest of the calls, and the post-processor's reading of the line.
+TEST_F(TelephonyLoggerTest, EachModemWithTheLiveliestCallAndARestartedBusJoinedAgain) {
+    jxtest::PrivateBus bus;
+    if (!bus.available()) GTEST_SKIP() << "no dbus-daemon";
+    auto logger = std::make_shared<JXTelephonyLogger>();
+    const Modem lte{"QM-7; rev B", 8, 72, 1u << 14, 3};
+    {
+        // UMTS over GSM; the radio powered low is airplane mode. A call dialled, one ringing in.
+        FakeModemManager manager({lte, {"QM-8", 3, 0, (1u << 5) | (1u << 1), 2}}, {1, 3});
+        ASSERT_TRUE(manager.ready());
+        EXPECT_EQ(trigger(*logger),
+                  (Lines{"[Telephony] modem=QM-7_ rev B; state=registered; signal=72; access=lte; call_status=Ringing; "
+                         "airplane_mode=NO;",
+                         "[Telephony] modem=QM-8; state=disabled; signal=0; access=umts; call_status=Ringing; "
+                         "airplane_mode=YES;"}));
+        EXPECT_EQ(readAs("Telephony"), "VoiceCallStatus=Active");
+        EXPECT_EQ(tick(*logger), Lines{}) << "a tick writes only a change";
+        ASSERT_TRUE(bus.restart());
+    }
+    FakeModemManager manager({lte}, {4, 7});  // talking, and a call ended
+    ASSERT_TRUE(manager.ready());
+    trigger(*logger);  // finds the old connection gone
+    EXPECT_EQ(tick(*logger), Lines{"[Telephony] modem=QM-7_ rev B; state=registered; signal=72; access=lte; "
+                                   "call_status=Active; airplane_mode=NO;"});
+    logger.reset();
 }
