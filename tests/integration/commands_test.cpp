@@ -61,6 +61,7 @@ TEST_F(CommandsTest, EveryReaderTakesTheLogsWholeSaysWhatItSkippedAndFilters) {
 
     ASSERT_EQ(ctl({"report", "--json"}, &out, &err), 0) << err;
     const json j = json::parse(out);
+    EXPECT_NEAR(j["hours"].get<double>(), (truth.lastUtcMs - truth.firstUtcMs) / 3.6e6, 0.001);
     EXPECT_EQ(j["suspend"]["count"], truth.sleeps);
     EXPECT_EQ(j["suspend"]["measured"], truth.sleeps);
     // The ranking: the most wakes first, ties by name.
@@ -165,6 +166,7 @@ TEST_F(CommandsTest, BadUsageIsRefusedWithOneLine) {
         {{"defaults", "write", "JXLinkFaultkeeper"}},
         {{"defaults", "write", "JXRotateJoulix", "1", "minute"}},
         {{"defaults", "frobnicate"}},
+        {{"defaults", "read", "JXLoggingMode", "JXRotateJoulix"}},
         {{"launch"}},
         {{"wait"}},
         {{"wait", "a", "--timeout", "x"}},

@@ -115,6 +115,12 @@ TEST_F(SettingsTest, ToolReachesOtherDomainsAndTheManagedFileCountsUnlessTheStor
     write({{"JXConfigLogger", "-dict", "Enabled", "YES"}});
     ASSERT_EQ(once(&err), 0);
     EXPECT_TRUE(has(err, "setting up core logger JXConfigLogger")) << tail(err);
+    // An administrator's file that does not read is said (by its path as formed, with the doubled slash).
+    root.writeFile(kManaged, "garbage");
+    ASSERT_EQ(once(&err), 0);
+    EXPECT_HAS(err, root("/Library/Managed Preferences/mobile//com.brindle.joulix.plist") +
+                        " cannot be read as settings (not an XML or binary property list (7 bytes)): its settings "
+                        "are ignored");
 }
 
 // A preferences file that does not read is said (path and why) and left as it is, by
