@@ -22,12 +22,6 @@ using namespace jx::analysis;
 
 namespace {
 
-// Clock-less logs are read in the reader's own zone; each test that cares sets it.
-void zone(const char* tz) {
-    setenv("TZ", tz, 1);
-    tzset();
-}
-
 struct Read {
     std::vector<TimeMs> times, local;
     std::map<std::string, std::uint64_t> perTag;
@@ -65,7 +59,7 @@ protected:
 // joulixctl log, report and export in the integration tests.
 TEST_P(GeneratedLogsTest, ReadReportedAndExportedAsWritten) {
     const jxtest::LogGeneratorOptions& o = GetParam().o;
-    zone("XXX+5");  // not the logs' zone: only their [Clock] entries may count
+    jxtest::ZoneScope zone("XXX+5");  // not the logs' zone: only their [Clock] entries may count
     const jxtest::LogTruth truth = jxtest::generateLogs(root.path(), o);
 
     // Rolled logs have their archive copies too: each log is read once, in order.
@@ -400,7 +394,7 @@ TEST_F(DamagedLogTest, MalformedLinesAreSkippedAndCounted) {
 // A log read while it grows, its head not scanned: lines before the first [Clock]
 // wait for it and take its offset.
 TEST_F(DamagedLogTest, LinesBeforeTheFirstClockOfAGrowingLogTakeItsOffset) {
-    zone("XXX+5");
+    jxtest::ZoneScope zone("XXX+5");
     const Read r = readText("11/21/2026 16:19:59.000 [Joulix] Version=6.01; File_GUID=A;\n" + ok + line, false);
     ASSERT_EQ(r.times.size(), 3u);
     EXPECT_EQ(r.guessed, 0u);
@@ -414,7 +408,7 @@ TEST(TimeTextTest, EverySpellingOfATime) {
     EXPECT_EQ(parseLineTime("02/29/2000 23:59:59.999"), 951868800000 - 1);
     EXPECT_EQ(parseLineTime("02/29/2000 23:59:59,999"), std::nullopt);
     // Central European time with its summer rule, spelled out: no zone files needed.
-    zone("CET-1CEST,M3.5.0,M10.5.0/3");
+    jxtest::ZoneScope zone("CET-1CEST,M3.5.0,M10.5.0/3");
     const TimeMs now = 1795274400000;  // 2026-11-21T15:20:00Z, 16:20 local
     const std::pair<const char*, std::optional<TimeMs>> cases[] = {
         {"now", now},

@@ -31,26 +31,8 @@ protected:
 };
 using LineReader = Selection;
 
-TEST_F(LineReader, ReturnsEveryLineWithItsNewline) {
-    struct {
-        const char* name;
-        std::string contents;
-        std::vector<std::string> lines;
-    } cases[] = {
-        {"last line without newline", "a\nb", {"a\n", "b"}},
-        {"newline last in a chunk", std::string(2047, 'y') + "\nz", {std::string(2047, 'y') + "\n", "z"}},
-        {"newline first in the next chunk", std::string(2048, 'y') + "\nz", {std::string(2048, 'y') + "\n", "z"}},
-    };
-    for (const auto& c : cases) {
-        p.initWithFilePath(file(c.contents));
-        std::vector<std::string> lines;
-        while (auto line = p.readLine()) lines.push_back(*line);
-        EXPECT_EQ(lines, c.lines) << c.name;
-        EXPECT_EQ(p.currentOffset(), c.contents.size()) << c.name;
-        p.releaseFileObjects();
-    }
-}
-
+// Lines whole and in order across the 2048-byte chunks, the last without its newline,
+// are the line reader fuzz target's check (its seeds hold both chunk edges).
 TEST_F(LineReader, ALineThatIsNotUTF8EndsTheReadingButIsPassed) {
     p.initWithFilePath(file("good\n\xff\xfe bad\nafter\n"));
     EXPECT_EQ(p.readLine(), "good\n");

@@ -34,13 +34,6 @@ inline std::string binary(const std::string& name) {
     return std::string(dir ? dir : ".") + "/" + name;
 }
 
-inline std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 inline std::vector<std::string> lines(const std::string& text) {

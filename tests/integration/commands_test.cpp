@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
+#include "analysis/LogReader.h"
 #include "platform/PropertyList.h"
 #include "tests/baseband/SampleLog.h"
 #include "tests/integration/Process.h"
@@ -26,14 +27,7 @@ TraceSummary checked(const std::string& text) {
     return s;
 }
 
-std::string iso(std::int64_t utcSeconds) {
-    std::time_t t = utcSeconds;
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char out[40];
-    std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return out;
-}
+std::string iso(std::int64_t utcSeconds) { return jx::analysis::isoUtc(utcSeconds * 1000); }
 
 class CommandsTest : public BinariesTest {
 protected:

@@ -35,16 +35,6 @@ protected:
     jx::FilePreferencesStore store;
 };
 
-TEST_F(PreferencesTest, WritesArePendingUntilSynchronized) {
-    set("a", Value(1));
-    set("b", Value("x"));
-    EXPECT_EQ(get("a"), Value(1));  // the writer sees its own change at once
-    EXPECT_FALSE(std::filesystem::exists(root(kFile)));
-
-    ASSERT_TRUE(store.synchronize(kDomain, kUser));
-    EXPECT_EQ(onDisk(), Value(Dictionary{{"a", Value(1)}, {"b", Value("x")}}));
-}
-
 TEST_F(PreferencesTest, SynchronizeMergesWithWhatIsOnDisk) {
     writeBehindTheStoresBack({{"shared", Value("old")}, {"theirs", Value(1)}});
     EXPECT_EQ(get("shared"), Value("old"));  // cached now

@@ -17,23 +17,6 @@ namespace {
 
 using jx::Value;
 
-// Sets the time zone for a scope and puts the previous one back.
-struct ZoneScope {
-    explicit ZoneScope(const char* zone) {
-        if (const char* tz = std::getenv("TZ")) saved = tz;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~ZoneScope() {
-        if (saved)
-            setenv("TZ", saved->c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-    std::optional<std::string> saved;
-};
-
 std::string rendered(const JXValue& v) {
     std::string out;
     v.appendTo(out);
@@ -42,7 +25,7 @@ std::string rendered(const JXValue& v) {
 
 // In a zone west of UTC (POSIX sign), to its local time; a line's time is cut, not rounded.
 TEST(JXValue, RendersAsTheLogShowsItInTheLocalZone) {
-    ZoneScope west("UTC+5:30");
+    jxtest::ZoneScope west("UTC+5:30");
     struct {
         JXValue v;
         const char* text;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,13 +25,14 @@ std::string madeTemporaryDirectory(const char* name) {
     std::string tmpl = (std::filesystem::temp_directory_path() / name).string();
     return mkdtemp(tmpl.data());
 }
-std::string contentsOf(const std::string& path) {
+}  // namespace
+
+std::string slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
 }
-}  // namespace
 
 TestRoot::TestRoot() : path_(madeTemporaryDirectory("joulix-test-XXXXXX")) {
     jx::setRoot(path_);
@@ -51,7 +53,7 @@ void TestRoot::writeFile(const std::string& absolute, const std::string& content
     std::ofstream(p, std::ios::binary) << contents;
 }
 
-std::string TestRoot::readFile(const std::string& absolute) const { return contentsOf((*this)(absolute)); }
+std::string TestRoot::readFile(const std::string& absolute) const { return slurp((*this)(absolute)); }
 
 LogCapture::LogCapture() { jx::setLogSink(this); }
 LogCapture::~LogCapture() { jx::setLogSink(nullptr); }
@@ -152,7 +154,7 @@ std::string Victim::changed() const {
     struct stat now {};
     if (::lstat(path_.c_str(), &now) != 0) return "it is gone";
     std::string what;
-    if (contentsOf(path_) != kVictimBytes) what += "bytes ";
+    if (slurp(path_) != kVictimBytes) what += "bytes ";
     if (now.st_uid != made_.st_uid || now.st_gid != made_.st_gid) what += "owner ";
     if (now.st_mode != made_.st_mode) what += "mode ";
     if (now.st_mtim.tv_sec != made_.st_mtim.tv_sec || now.st_mtim.tv_nsec != made_.st_mtim.tv_nsec) what += "mtime ";
@@ -187,6 +189,20 @@ void plantLink(const std::string& target, const std::string& path) {
     int status = -1;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "nobody could not plant a link at " << path;
+}
+
+ZoneScope::ZoneScope(const char* zone) {
+    if (const char* tz = std::getenv("TZ")) saved = tz;
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+ZoneScope::~ZoneScope() {
+    if (saved)
+        setenv("TZ", saved->c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
 }
 
 std::size_t occurrences(const std::string& text, const std::string& what) {

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,16 @@ private:
 // the account nobody in a directory handed to it, as an attacker holding the account
 // that owns the log directories would; otherwise as the test's own user.
 void plantLink(const std::string& target, const std::string& path);
+
+// A whole file's bytes ("" when it cannot be read).
+std::string slurp(const std::string& path);
+
+// The C library's time zone (TZ) set for a scope; the previous one put back after it.
+struct ZoneScope {
+    explicit ZoneScope(const char* zone);
+    ~ZoneScope();
+    std::optional<std::string> saved;
+};
 
 // How often a text holds a piece of text.
 std::size_t occurrences(const std::string& text, const std::string& what);
