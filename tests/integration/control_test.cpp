@@ -22,6 +22,8 @@ protected:
 };
 
 TEST_F(ControlTest, StatusSignalsAndHangupsSteerTheLoggersAndExitComesAtOnce) {
+    // The directory watch's events are logged: the daemon's own writing must wake none.
+    write({{"JXRotateJoulixDebug", "-bool", "YES"}, {"JXLinkFaultkeeper", "-bool", "YES"}});
     auto daemon = startOnBus();
     ASSERT_TRUE(logShows("[TestBundle] sample=1;")) << logText();
     // The header, then the booting state ahead of everything else.
@@ -60,6 +62,8 @@ TEST_F(ControlTest, StatusSignalsAndHangupsSteerTheLoggersAndExitComesAtOnce) {
     ASSERT_TRUE(logShows("[Log] state=signal(10);", 2));
     ASSERT_EQ(ctl({"trigger"}), 0);
     ASSERT_TRUE(logShows("[Log] state=statusRequested;", 2)) << tail(daemon->err());
+
+    EXPECT_EQ(occurrences(logText(), "[Log-LogDirectoryEvent]"), 0u) << "the daemon's own writing woke the watch";
 
     // Exit does not wait for a busy logger: from now on each sample takes a minute.
     write({{"JXTestBundleLogger", "-dict", "SampleDelay", "60"}});

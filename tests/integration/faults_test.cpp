@@ -74,23 +74,6 @@ TEST_F(FaultsTest, RotationWithoutAFutureRolloverDoesNotStorm) {
     }
 }
 
-// A daemon killed between two writes of one batch leaves half a line: the next start
-// ends it, so that its first entry is not glued onto the torn one.
-TEST_F(FaultsTest, ARestartEndsATornLastLine) {
-    ASSERT_EQ(once(), 0);
-    const std::string header = lines(logText())[0] + "\n";
-    std::ofstream(root(kLog), std::ios::app) << "11/23/2026 10:00:00.000 [Network] inte";
-    std::string err;
-    ASSERT_EQ(once(&err), 0);
-    const std::string text = logText();
-    EXPECT_EQ(text.substr(0, header.size()), header);
-    const std::size_t at = text.find("[Network] inte\n");
-    ASSERT_NE(at, std::string::npos) << text;
-    // The next line is a whole entry.
-    EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(text[at + 15]))) << text.substr(at, 80);
-    EXPECT_TRUE(has(err, "ended in an unfinished line"));
-}
-
 // A full log file system: the writer says so once, and when space comes back it ends
 // the line it was cutting, marks how many entries were lost, and goes on. A real
 // small file system under the log, filled and emptied under the running daemon.
