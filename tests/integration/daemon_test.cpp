@@ -131,24 +131,48 @@ TEST_F(DaemonTest, OnceCreatesContinuesAndRollsAfterASystemUpdateOrAHeaderOutOfR
     EXPECT_NE(logText().substr(0, before.find('\n')), before.substr(0, before.find('\n')));
 }
 
-TEST_F(DaemonTest, DaemonRollsAtEachMinuteByItselfAndArchivesEachClosedLog) {
+TEST_F(DaemonTest, DaemonRollsAtEachMinuteByItselfAndArchivesAndAnalysesEachClosedLog) {
     if (!haveFakeTime() || access("/bin/gzip", X_OK) != 0) GTEST_SKIP() << "libfaketime or gzip missing";
-    write({{"JXRotateJoulix", "1 minute"}, {"JXLinkFaultkeeper", "-bool", "YES"}});
-    // The daemon's clock starts just before midnight and runs ten times as fast: two
-    // minute boundaries pass in about nine seconds.
-    auto daemon = joulix({}, "@2026-11-21 23:59:57 x10");
+    write({{"JXRotateJoulix", "1 minute"},
+           {"JXLinkFaultkeeper", "-bool", "YES"},
+           {"JXBasebandPostProcessing", "-bool", "YES"},
+           {"JXBasebandPostProcessingNotify", "-bool", "YES"},
+           {"JXLoggingMode", "-int", "1"}});
+    // A logger that writes the modem's statistics with every sample; pairs only on the
+    // command line, so the lines go in through the preferences file.
+    installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
+    ASSERT_EQ(ctl({"defaults", "write", "JXTestBundleLogger", "-dict"}), 2);
+    jx::Array lines{
+        jx::Value("[BB HW Log] LogCode=0x1; Duration=300;"),
+        jx::Value("[BB HW RPM] XO_Shutdown=[0%,1200]; VDD_Min=[0%,0];"),
+        jx::Value("[BB HW APPS] Sleep=4; CXO_Shutdown=[90%,55];"),
+        jx::Value("[BB HW Peripherals] USB=[1,2,10%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];")};
+    jx::Dictionary prefs = *jx::readPropertyListFile(root(kPrefs))->asDictionary();
+    prefs["JXTestBundleLogger"] = jx::Value(jx::Dictionary{{"Lines", jx::Value(lines)}});
+    ASSERT_TRUE(jx::writePropertyListFileAtomically(root(kPrefs), jx::Value(prefs)));
+    installComposer();
+
+    // The daemon's clock starts just before midnight and runs ten times as fast: a minute
+    // boundary passes about every six seconds. A steady stream of samples until three
+    // logs have rolled, two been archived and two analysed. (The first roll comes a moment
+    // after the start: on a slow run the log it closes may hold no sample yet, and its
+    // analysis finds no log of interest.)
+    auto d = joulix({}, "@2026-11-21 23:59:57 x10");
+    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
+    const std::string interest = "BBPowerTool -- Power Log of Interest: ";
     ASSERT_TRUE(waitFor(
         [&] {
-            return names(kFaultkeeper).size() >= 3 && names(kArchive, ".gz").size() >= 2 &&
-                   names(kArchive, ".archive").empty();
+            d->signal(SIGUSR1);
+            return occurrences(d->err(), interest) >= 2 && names(kFaultkeeper, ".joulix").size() >= 3 &&
+                   names(kArchive, ".gz").size() >= 2 && names(kArchive, ".archive").empty();
         },
-        60))
-        << daemon->err();
-    daemon->signal(SIGTERM);
-    ASSERT_EQ(daemon->wait(), 0);
+        90))
+        << d->err().substr(0, 4000);
+    d->signal(SIGTERM);
+    ASSERT_EQ(d->wait(), 0);
 
     // Every rolled file is named after its own header.
-    const auto rolled = names(kFaultkeeper);
+    const auto rolled = names(kFaultkeeper, ".joulix");
     for (const std::string& name : rolled) {
         auto h = parseHeader(root.readFile(kFaultkeeper + "/" + name));
         ASSERT_TRUE(h) << name;
@@ -176,6 +200,21 @@ TEST_F(DaemonTest, DaemonRollsAtEachMinuteByItselfAndArchivesEachClosedLog) {
             0)
             << gz;
     }
+
+    // Each analysis took a log that a roll had closed, never the current one. (A slow
+    // run may start after a later roll than its own.)
+    const std::string err = d->err();
+    for (auto at = err.find(interest); at != std::string::npos; at = err.find(interest, at + 1)) {
+        const fs::path path = err.substr(at + interest.size(), err.find('\n', at) - at - interest.size());
+        std::error_code ec;
+        EXPECT_FALSE(fs::equivalent(path, root(kLog), ec)) << "the current log is never the one analysed";
+        EXPECT_NE(std::find(rolled.begin(), rolled.end(), path.filename().string()), rolled.end()) << path;
+    }
+    EXPECT_TRUE(has(err, "BBPowerTool -- Calcualte ARM Utility Values"));
+    const std::size_t runs = occurrences(err, "BBPowerTool -- Execution Complete");
+    const std::string metrics = root.readFile(kLogs + "/Metrics/metrics.jsonl");
+    EXPECT_EQ(occurrences(metrics, "\"component\":31,\"metric\":2031617"), runs) << metrics;
+    EXPECT_EQ(names(kLogs + "/Larkin").size(), runs);
 }
 
 TEST_F(DaemonTest, ADeletedLinkIsRestoredOnlyWhileLinkingIsAllowedAndADeletedLogEveryTime) {
@@ -221,61 +260,6 @@ TEST_F(DaemonTest, ADeletedLinkIsRestoredOnlyWhileLinkingIsAllowedAndADeletedLog
         ASSERT_TRUE(logShows("[Log] state=LogDirectoryEvent logPath=" + root(kLog) + " exists=FAIL"))
             << round << d->err();
     }
-}
-
-TEST_F(DaemonTest, EachRollRunsTheBasebandAnalysisOnTheLogJustRolled) {
-    if (!haveFakeTime()) GTEST_SKIP() << "libfaketime missing";
-    write({{"JXBasebandPostProcessing", "-bool", "YES"},
-           {"JXBasebandPostProcessingNotify", "-bool", "YES"},
-           {"JXLoggingMode", "-int", "1"},
-           {"JXRotateJoulix", "1 minute"},
-           {"JXLinkFaultkeeper", "-bool", "YES"}});
-    // A logger that writes the modem's statistics with every sample; pairs only on the
-    // command line, so the lines go in through the preferences file.
-    installBundle(root, "JXTestBundleLogger.bundle", "JXThermalLogger.bundle");
-    ASSERT_EQ(ctl({"defaults", "write", "JXTestBundleLogger", "-dict"}), 2);
-    jx::Array lines{
-        jx::Value("[BB HW Log] LogCode=0x1; Duration=300;"),
-        jx::Value("[BB HW RPM] XO_Shutdown=[0%,1200]; VDD_Min=[0%,0];"),
-        jx::Value("[BB HW APPS] Sleep=4; CXO_Shutdown=[90%,55];"),
-        jx::Value("[BB HW Peripherals] USB=[1,2,10%]; SPI=[3,1%]; UART=[3,0%]; GPS=[0,0%]; GPS_DPO=[0,0%];")};
-    jx::Dictionary prefs = *jx::readPropertyListFile(root(kPrefs))->asDictionary();
-    prefs["JXTestBundleLogger"] = jx::Value(jx::Dictionary{{"Lines", jx::Value(lines)}});
-    ASSERT_TRUE(jx::writePropertyListFileAtomically(root(kPrefs), jx::Value(prefs)));
-    installComposer();
-
-    auto d = joulix({}, "@2026-11-21 10:00:57 x10");
-    ASSERT_TRUE(logShows("[TestBundle] sample=1;"));
-    // A steady stream of samples until two rolls have been analysed. (The first roll
-    // comes a moment after the start: on a slow run the log it closes may hold no
-    // sample yet, and its analysis finds no log of interest.)
-    const std::string interest = "BBPowerTool -- Power Log of Interest: ";
-    ASSERT_TRUE(waitFor(
-        [&] {
-            d->signal(SIGUSR1);
-            return occurrences(d->err(), interest) >= 2;
-        },
-        90))
-        << d->err().substr(0, 4000);
-    d->signal(SIGTERM);
-    ASSERT_EQ(d->wait(), 0);
-
-    // Each run took a log that a roll had closed, never the current one. (A slow run
-    // may start after a later roll than its own.)
-    const auto rolled = names(kFaultkeeper, ".joulix");
-    ASSERT_GE(rolled.size(), 3u);
-    const std::string err = d->err();
-    for (auto at = err.find(interest); at != std::string::npos; at = err.find(interest, at + 1)) {
-        const fs::path path = err.substr(at + interest.size(), err.find('\n', at) - at - interest.size());
-        std::error_code ec;
-        EXPECT_FALSE(fs::equivalent(path, root(kLog), ec)) << "the current log is never the one analysed";
-        EXPECT_NE(std::find(rolled.begin(), rolled.end(), path.filename().string()), rolled.end()) << path;
-    }
-    EXPECT_TRUE(has(err, "BBPowerTool -- Calcualte ARM Utility Values"));
-    const std::size_t runs = occurrences(err, "BBPowerTool -- Execution Complete");
-    const std::string metrics = root.readFile(kLogs + "/Metrics/metrics.jsonl");
-    EXPECT_EQ(occurrences(metrics, "\"component\":31,\"metric\":2031617"), runs) << metrics;
-    EXPECT_EQ(names(kLogs + "/Larkin").size(), runs);
 }
 
 }  // namespace

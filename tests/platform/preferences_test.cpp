@@ -39,6 +39,7 @@ TEST_F(PreferencesTest, SynchronizeMergesWithWhatIsOnDisk) {
     writeBehindTheStoresBack({{"shared", Value("old")}, {"theirs", Value(1)}});
     EXPECT_EQ(get("shared"), Value("old"));  // cached now
     set("mine", Value(2));
+    EXPECT_EQ(get("mine"), Value(2));  // the writer sees its own change before it is written
     set("shared", Value("new"));
     writeBehindTheStoresBack({{"shared", Value("old")}, {"theirs", Value(1)}, {"added", Value(3)}});
     ASSERT_TRUE(store.synchronize(kDomain, kUser));
