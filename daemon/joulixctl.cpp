@@ -172,11 +172,12 @@ std::optional<std::string> writeWarning(const std::string& key, const jx::Value&
         return "'" + key + "' is neither a setting nor a logger the daemon knows: it will not be read";
     if (key == JXRotateJoulixKey) return JoulixMain::rotationSettingProblem(value);
     if (key == JXLoggingMode) {
+        // Said in the daemon's own reading of the value.
+        const std::string reads = std::to_string(JXDefaultsLoggingModeFromValue(value));
         if (const std::string* text = value.asString(); text && std::to_string(value.integerValue()) != *text)
-            return "'" + *text + "' is no number: the daemon reads it as " + std::to_string(value.integerValue()) +
-                   " (use -int)";
+            return "'" + *text + "' is no number: the daemon reads it as " + reads + " (use -int)";
         if (value.integerValue() < INT16_MIN || value.integerValue() > INT16_MAX)
-            return "the mode is a 16-bit number: the daemon reads " + std::to_string(static_cast<std::int16_t>(value.integerValue()));
+            return "the mode is a 16-bit number: the daemon reads " + reads;
     }
     static const char* const booleans[] = {JXStartDelay, JXRotateJoulixDebug, JXRunLoopDebug,
                                            JXBasebandPostProcessingKey, JXBasebandPostProcessingNotifyKey,

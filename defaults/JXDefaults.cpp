@@ -88,7 +88,10 @@ bool JXDefaultsLoggerRunsLight(const std::string& loggerName) {
 
 std::int16_t JXDefaultsCurrentLoggingMode() {
     if (!JXDefaultsValueExistsForKey(JXLoggingMode)) return INT16_MIN;
-    jx::Value mode = JXDefaultsCopyValueForKeySync(JXLoggingMode, true);
+    return JXDefaultsLoggingModeFromValue(JXDefaultsCopyValueForKeySync(JXLoggingMode, true));
+}
+
+std::int16_t JXDefaultsLoggingModeFromValue(const jx::Value& mode) {
     return static_cast<std::int16_t>(static_cast<std::uint16_t>(mode.integerValue() & 0xFFFF));
 }
 

@@ -27,7 +27,10 @@ bool JXDefaultsValueExistsForKey(const std::string& key);
 void JXDefaultsSetValueForKey(const std::string& key, const jx::Value& value);
 void JXDefaultsSetDefaultValueForKey(const std::string& key, const jx::Value& value);
 bool JXDefaultsLoggerRunsLight(const std::string& loggerName);
+// The logging mode in force: INT16_MIN when unset, else the stored value as a number
+// (text that is no number is 0) cut to its low 16 bits.
 std::int16_t JXDefaultsCurrentLoggingMode();
+std::int16_t JXDefaultsLoggingModeFromValue(const jx::Value& mode);
 
 jx::Value CopyLaunchdeckPreferenceValue(const std::string& key);
 jx::Value CopyInputdeckPreferenceValue(const std::string& key);

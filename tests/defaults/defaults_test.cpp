@@ -36,22 +36,6 @@ TEST_F(DefaultsTest, AMissingOrUnreadableManagedFileIsRetriedButALoadedOneIsNeve
     EXPECT_TRUE(JXDefaultsValueForKey(JXStartDelay).isNil());
 }
 
-TEST_F(DefaultsTest, LoggingModeIsTruncatedToSixteenBits) {
-    EXPECT_EQ(JXDefaultsCurrentLoggingMode(), -32768);  // unset
-    struct Case {
-        jx::Value stored;
-        int expected;
-    } cases[] = {
-        {jx::Value(32768), -32768},
-        {jx::Value(65535), -1},
-        {jx::Value("Full"), 0},
-    };
-    for (const Case& c : cases) {
-        JXDefaultsSetValueForKey(JXLoggingMode, c.stored);
-        EXPECT_EQ(JXDefaultsCurrentLoggingMode(), c.expected) << c.stored.description();
-    }
-}
-
 TEST_F(DefaultsTest, StoreWinsOverManagedFileAndSetDefaultLeavesAnyExistingValueAndWritesReachTheFile) {
     writeManaged({{"JXLinkFaultkeeper", jx::Value(false)}, {"JXLoggerDiscovery", jx::Value("static")}});
     // The store wins over the managed file, which fills only the gaps.
