@@ -117,20 +117,6 @@ TEST_F(RunThreadTest, EarlyExitSkipsTheWaitAndWithNoLoggersItSleepsOnceAndThenIg
     EXPECT_FALSE(JoulixMain::haveSharedJoulixMain());
 }
 
-// The daemon's own name (joulix) is checked with the real binary; here another.
-TEST_F(RunThreadTest, StartDelayOnlyForProcessesNotNamedJoulix) {
-    JXDefaultsSetValueForKey(JXStartDelay, jx::Value(true));
-    JXUtilities::setProcessNameForTesting("joulixd");
-    start(false, false);
-    JoulixMain::waitForRunThreads();
-    EXPECT_EQ(sleepsOf(5000000), 2u);
-    auto messages = log.messages();
-    auto ready = std::find(messages.begin(), messages.end(), "ready...");
-    ASSERT_LT(ready + 2, messages.end());
-    EXPECT_EQ(*(ready + 1), "set...");
-    EXPECT_EQ(*(ready + 2), "Go!");
-}
-
 using TriggerTest = ControllerTest;
 
 // The observers that call it, a status request and SIGUSR1, are run with the real daemon.

@@ -105,17 +105,6 @@ TEST_F(Verdict, TwoFullIntervalsAreAPotentialIssueAndTheThresholdIsAt99Percent) 
     EXPECT_TRUE(log.contains("BBPowerTool -- armUtilityCDFThresholdPoint: 11"));
 }
 
-TEST_F(Verdict, TheConfigurationDecidesWhichMetricsAreEnabled) {
-    std::filesystem::create_directories(root("/etc/joulix"));
-    ASSERT_TRUE(jx::writePropertyListFileAtomically(
-        root("/etc/joulix/metrics.plist"),
-        jx::Value(jx::Dictionary{{"EnabledMetrics", jx::Array{jx::Value(5), jx::Value(2031617)}}})));
-    EXPECT_TRUE(TLMIsMetricEnabled(kTLMBasebandPowerMetricId));
-    EXPECT_TRUE(log.contains("TLM metric 2031617 is enabled on this config"));
-    // A list without it, and that a disabled record is not sent, are checked end to
-    // end by the joulixctl bbpower tests.
-}
-
 TEST_F(Verdict, ASpoolThatCannotBeWrittenFailsTheSubmission) {
     // A directory where the spool file should be.
     std::filesystem::create_directories(root("/var/mobile/Library/Logs/Metrics/metrics.jsonl"));

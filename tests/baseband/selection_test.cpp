@@ -1,13 +1,10 @@
-// The line reader; choosing the power log, the shell commands that
-// extract it, and the shell task.
+// The line reader; choosing the power log and the shell command that extracts it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "baseband/JXBasebandPostProcessing.h"
-#include "platform/JXUtilities.h"
-#include "platform/Task.h"
 #include "tests/baseband/SampleLog.h"
 #include "tests/support/TestSupport.h"
 
@@ -42,22 +39,6 @@ TEST_F(LineReader, ALineThatIsNotUTF8EndsTheReadingButIsPassed) {
     EXPECT_EQ(p.readLine(), "after\n");
 }
 
-TEST_F(LineReader, AMissingFileOrAReleasedOneYieldsNothing) {
-    p.initWithFilePath(file("one\ntwo\n"));
-    const std::string missing = root("/no/such.joulix");
-    p.initWithFilePath(missing);
-    EXPECT_EQ(p.readLine(), std::nullopt);
-    EXPECT_EQ(log.entries(), (std::vector<std::pair<int, std::string>>{
-                                 {3, "BBPowerTool -- initWithFilePath: File Handle Error for File >> " + missing}}));
-
-    // Reading after the release raises inside; closing twice is silent.
-    p.initWithFilePath(file("one\ntwo\n"));
-    p.releaseFileObjects();
-    EXPECT_EQ(p.readLine(), std::nullopt);
-    p.releaseFileObjects();
-    EXPECT_EQ(log.entries().back(), std::make_pair(5, std::string("BBPowerTool -- readLine: Exception")));
-}
-
 TEST_F(Selection, TheSecondNewestLogIsChosenByCreationDateElseNone) {
     // One log only is checked end to end by the joulixctl bbpower tests.
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
@@ -77,13 +58,6 @@ TEST_F(Selection, TheExtractionCommandIsTheQuotedTextForPlainPaths) {
                                                     "/var/tmp/Temp_JoulixForBBPowerTool.joulix"),
         R"(LC_ALL=C grep -a "\[Battery\]\|\[BB HW Log\]\|\[BB HW RPM\]\|\[BB HW APPS\]\|\[BB HW Peripherals\]\|\[BB HW Processor\]\|\[BB HW MPSS\]\|\[Display\]\|\[Telephony\]\|\[Sleep\]\|\[Wake\]\|\[BB Event\]\|\[Assertion\]" "/var/mobile/Library/Logs/Faultkeeper/JX_a_b.joulix" > "/var/tmp/Temp_JoulixForBBPowerTool.joulix")");
     // Hostile names, and the removal of the extract, are run end to end by the joulixctl bbpower tests.
-}
-
-TEST(Task, RunsTheShellAndWaits) {
-    EXPECT_EQ(JXUtilities::openTask("exit 3"), 3);
-    EXPECT_EQ(JXUtilities::openTask("kill -TERM $$"), 128 + SIGTERM);
-    // The task's standard input is empty, not the caller's.
-    EXPECT_EQ(JXUtilities::openTask("test -z \"$(cat)\""), 0);
 }
 
 TEST_F(Selection, AnUnknownPredicateListsNothing) {

@@ -1,14 +1,11 @@
-// Logger classes, per-logger settings, bundle loading with its trust rules, and the
-// logger list lookup.
+// Per-logger settings, and bundle loading with its trust rules.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
-#include "platform/JXEntry.h"
 #include "platform/JXLogger.h"
 #include "platform/JXLoggerClass.h"
-#include "platform/JXUtilities.h"
 #include "platform/PreferencesStore.h"
 #include "platform/PropertyList.h"
 #include "tests/support/TestSupport.h"
@@ -16,14 +13,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-class QuietLogger : public JXLogger {
-public:
-    explicit QuietLogger(std::string name) : JXLogger(std::move(name)) {}
-
-protected:
-    void logSample() override {}
-};
 
 void writeLoggerSettings(const jxtest::TestRoot& root, const jx::Dictionary& settings) {
     fs::create_directories(root("/var/mobile/Library/Preferences"));
@@ -52,22 +41,6 @@ TEST(JXLoggerSettings, StoredSettingThenManagedThenRegisteredDefaultThenEnabled)
     EXPECT_EQ(JXLogger::settingForKey("Period", "JXTestOffLogger"), jx::Value(30));
     EXPECT_EQ(JXLogger::settingForKey("Depth", "JXTestOffLogger"), jx::Value(4));  // the store's dictionary lacks it
     jx::resetManagedPreferencesForTesting();
-}
-
-TEST(JXLoggerClass, OneLoggerWhileItLivesEachOnItsOwnQueue) {
-    int made = 0;
-    JXLoggerClass cls("JXTestClassLogger", [&] {
-        ++made;
-        return std::make_shared<QuietLogger>("JXTestClassLogger");
-    });
-    auto first = cls.logger();
-    EXPECT_EQ(cls.logger(), first);
-    EXPECT_EQ(made, 1);
-    EXPECT_EQ(&first->loggerSerialQueue(), &JXUtilities::getQueueForLogger(cls));
-    // The registry owns the logger: once nobody holds it, the class makes a new one.
-    first.reset();
-    EXPECT_TRUE(cls.logger());
-    EXPECT_EQ(made, 2);
 }
 
 class BundleTest : public ::testing::Test {

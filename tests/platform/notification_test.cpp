@@ -11,36 +11,6 @@
 
 namespace {
 
-using jx::Notification;
-using jx::NotificationCenter;
-using Calls = std::vector<std::string>;
-
-class NotificationTest : public ::testing::Test {
-protected:
-    // A callback that records "who:name" for each call.
-    NotificationCenter::Callback recorder(const std::string& who) {
-        return [this, who](const Notification& n) { calls.push_back(who + ":" + n.name); };
-    }
-    NotificationCenter center;
-    Calls calls;
-    int a = 0, b = 0;
-};
-
-// Delivery and removal by observer are run with the controller's own observers.
-TEST_F(NotificationTest, AnObserverMayRemoveItselfAndAddOthersWhileCalled) {
-    int selfCalls = 0;
-    center.addObserver(&a, "Ping", [&](const Notification&) {
-        ++selfCalls;
-        center.removeObserver(&a);
-        center.addObserver(&b, "Ping", recorder("late"));
-    });
-    center.addObserver(&b, "Ping", recorder("other"));
-    center.post("Ping");
-    center.post("Ping");
-    EXPECT_EQ(selfCalls, 1);
-    EXPECT_EQ(calls, (Calls{"other:Ping", "other:Ping", "late:Ping"}));
-}
-
 // The system-wide centre over a private bus: delivery on the observer's run loop (this
 // thread's, served while waiting), filtering by name, removal, and a restarted bus.
 using Center = jx::SystemNotificationCenter;
