@@ -5,12 +5,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <string>
 
+#include "platform/LogTime.h"
 #include "tests/support/TestSupport.h"
 
 namespace jxtest {
@@ -28,7 +28,8 @@ public:
 
     // One line at the present time (and the clock one millisecond on).
     SampleLog& line(const std::string& tag, const std::string& fields) {
-        text_ += stamp(now_) + " [" + tag + "] " + fields + "\n";
+        jx::appendLineTime(text_, jx::Date{now_});
+        text_ += " [" + tag + "] " + fields + "\n";
         now_ += 0.001;
         return *this;
     }
@@ -48,15 +49,6 @@ public:
     SampleLog& noise() { return line("Process", "name=launchdeck; cpu=1.5;"); }
     const std::string& text() const { return text_; }
 
-    static std::string stamp(double t) {
-        const long long ms = std::llround(t * 1000);
-        const std::time_t whole = ms / 1000;
-        std::tm tm{};
-        localtime_r(&whole, &tm);
-        char buf[64];
-        std::snprintf(buf + std::strftime(buf, 40, "%m/%d/%Y %H:%M:%S", &tm), 8, ".%03lld", ms % 1000);
-        return buf;
-    }
     static std::string number(double v) {
         char buf[32];
         std::snprintf(buf, sizeof buf, "%g", v);

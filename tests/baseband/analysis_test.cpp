@@ -196,14 +196,6 @@ TEST_F(Patterns, EachLineMatchesItsRowOnlyWithAFractionOfASecondAndMakesItsEvent
     }
 }
 
-TEST_F(Patterns, TheLineTimeIsLocalTimePlusTheFraction) {
-    std::tm tm{};
-    strptime("11/14/2026 10:20:30", "%m/%d/%Y %H:%M:%S", &tm);
-    tm.tm_isdst = -1;
-    EXPECT_EQ(match(kStamp + std::string("[Display] active=YES; brightness=0.5\n"))["epochDateTime"],
-              jx::formatString("%f", static_cast<double>(std::mktime(&tm)) + 0.25));
-}
-
 TEST_F(Patterns, ALineThatNeedsExponentialBacktrackingIsGivenUp) {
     // The number groups accept any character between digits: a long run of digits
     // that fails at its end would take the engine years to refute.

@@ -1,8 +1,6 @@
 // The real daemon and joulixctl, running as root, meeting a symbolic link planted by
 // the account that owns the log directories at each name they write: the file the
 // link points at stays as it was, the planting is said once, and the work goes on.
-#include <sys/stat.h>
-
 #include <atomic>
 #include <deque>
 
@@ -22,11 +20,6 @@ class PlantedLinksTest : public BinariesTest {
 protected:
     Victim victim;
 };
-
-bool isRegular(const std::string& path) {
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
 
 TEST_F(PlantedLinksTest, ALinkAtANameTheDaemonWritesIsNeverWrittenThrough) {
     const std::string rolled = kFaultkeeper + "/" + kOldName, archive = kArchive + "/" + kOldName;
@@ -58,7 +51,7 @@ TEST_F(PlantedLinksTest, ALinkAtANameTheDaemonWritesIsNeverWrittenThrough) {
         if (c.said) {
             EXPECT_EQ(occurrences(err, c.said), 1u) << tail(err);
         }
-        EXPECT_TRUE(isRegular(root(c.madeRegular))) << c.madeRegular;
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(root(c.madeRegular)))) << c.madeRegular;
         EXPECT_TRUE(has(logText(), "[Joulix]"));
     }
     // joulixctl, as root too, refuses to write settings through the link.

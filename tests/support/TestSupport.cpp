@@ -58,20 +58,14 @@ std::string TestRoot::readFile(const std::string& absolute) const { return slurp
 LogCapture::LogCapture() { jx::setLogSink(this); }
 LogCapture::~LogCapture() { jx::setLogSink(nullptr); }
 
-void LogCapture::message(int level, std::string_view text) {
+void LogCapture::message(int, std::string_view text) {
     std::lock_guard lock(mutex_);
-    entries_.emplace_back(level, std::string(text));
+    messages_.emplace_back(text);
 }
 
 std::vector<std::string> LogCapture::messages() const {
-    std::vector<std::string> out;
-    for (auto& e : entries()) out.push_back(e.second);
-    return out;
-}
-
-std::vector<std::pair<int, std::string>> LogCapture::entries() const {
     std::lock_guard lock(mutex_);
-    return entries_;
+    return messages_;
 }
 
 bool LogCapture::contains(const std::string& text) const { return count(text) > 0; }

@@ -39,7 +39,6 @@ public:
     ~LogCapture() override;
     void message(int level, std::string_view text) override;
     std::vector<std::string> messages() const;
-    std::vector<std::pair<int, std::string>> entries() const;
     bool contains(const std::string& text) const;
     std::size_t count(const std::string& text) const;
     // Messages that contain the text.
@@ -47,7 +46,7 @@ public:
 
 private:
     mutable std::mutex mutex_;
-    std::vector<std::pair<int, std::string>> entries_;
+    std::vector<std::string> messages_;
 };
 
 class FakeClock : public jx::Clock {
