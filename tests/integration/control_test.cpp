@@ -74,7 +74,7 @@ TEST_F(ControlTest, StatusSignalsAndHangupsSteerTheLoggersAndExitComesAtOnce) {
     auto& center = jx::SystemNotificationCenter::shared();
     const auto began = std::chrono::steady_clock::now();
     for (int i = 0; i < 10000; ++i) ASSERT_TRUE(center.post(JXLogStateRequest));
-    ASSERT_EQ(ctl({"exit"}), 0);
+    ASSERT_TRUE(center.post(JXExitRequest));
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
     auto status = daemon->wait(1.0);
     ASSERT_TRUE(status) << "the exit request waited: " << tail(daemon->err());
