@@ -1,4 +1,6 @@
-// Choosing the power log and the shell command that extracts it.
+// Choosing the power log and the shell command that extracts it. The line reader's
+// lines, whole and in order across its 2048-byte chunks, and its stop at a line that
+// is not UTF-8, are its fuzz target's checks (the seeds hold both chunk edges and such a line).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -23,9 +25,6 @@ protected:
     const std::string dir = root("/var/mobile/Library/Logs/Faultkeeper/");
 };
 
-// Lines whole and in order across the 2048-byte chunks, the last without its newline,
-// and the end of the reading at a line that is not UTF-8, are the line reader fuzz
-// target's checks (its seeds hold both chunk edges and such a line).
 TEST_F(Selection, TheSecondNewestLogIsChosenByCreationDateElseNone) {
     // One log only is checked end to end by the joulixctl bbpower tests.
     EXPECT_EQ(p.getJoulixOfInterest(dir), "NOTFOUND");
